@@ -1,0 +1,521 @@
+// Requests and responses.
+//
+// rexeccl_multi_execparam starts one worker a connection and joins them all; nobody cancels a worker.
+// A worker starts one communication thread, waits for it under the request's time limit, cancels it
+// when the time is up, and joins it in every case. The communication thread enables cancellation
+// around send, poll and recv only. Each record is written by one thread at a time: by the worker
+// before the start of the communication thread and after its join, by that thread in between. So no
+// lock is taken during an exchange.
+//
+// Nothing that a peer says about a length is believed before as many bytes have really arrived.
+#include "rexeccl/exchange.h"
+
+#include "rexeccl/cancel.h"
+#include "rexeccl/packet.h"
+#include "rexeccl/settings.h"
+#include "rexeccl/thread.h"
+#include "rexeccl/trace.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr std::size_t header_size = sizeof(TRANS_PACKET_HEADER_INFO);
+constexpr std::size_t envelope_size = sizeof(TRANS_REQ_EXEC_PARAM_INFO);
+constexpr std::size_t result_size = sizeof(TRANS_RES_EXEC_PARAM_INFO);
+constexpr int select_ms = 1000;
+
+// The time of day for a trace line.
+struct TimeText {
+    TimeText() {
+        const std::time_t now = std::time(nullptr);
+        struct tm local = {};
+        if (localtime_r(&now, &local) == nullptr ||
+            std::strftime(text, sizeof(text), "%H:%M:%S", &local) == 0)
+            std::strcpy(text, "????");
+    }
+    char text[16];
+};
+
+// A configured piece size that makes no sense must not stop an exchange.
+std::size_t piece_size(std::int32_t configured, std::int32_t otherwise) {
+    return static_cast<std::size_t>(configured > 0 ? configured : otherwise);
+}
+
+ssize_t send_some(std::int32_t sock, const char *data, std::size_t size) {
+    const CancelEnabled may_hang;
+    ssize_t sent = 0;
+    do {
+        sent = send(sock, data, size, MSG_NOSIGNAL);
+    } while (sent == -1 && errno == EINTR);
+    return sent;
+}
+
+ssize_t recv_some(std::int32_t sock, char *data, std::size_t size) {
+    const CancelEnabled may_hang;
+    ssize_t received = 0;
+    do {
+        received = recv(sock, data, size, 0);
+    } while (received == -1 && errno == EINTR);
+    return received;
+}
+
+// Reads all 76 bytes of a header; false when the peer closed or the read failed.
+bool recv_header(std::int32_t sock, TRANS_PACKET_HEADER_INFO *header) {
+    std::size_t have = 0;
+    while (have < header_size) {
+        const std::size_t wanted = header_size - have;
+        const ssize_t received = recv_some(sock, reinterpret_cast<char *>(header) + have, wanted);
+        if (received <= 0) {
+            REXECCL_TRACE(1, "recv() failed. (sock=%d wrp=%zu rdspsz=%zu rdsz=%zd errno=%d)", sock, have,
+                          wanted, received, errno);
+            return false;
+        }
+        REXECCL_TRACE(8, "recv() success. (sock=%d wrp=%zu rdspsz=%zu rdsz=%zd)", sock, have, wanted,
+                      received);
+        have += static_cast<std::size_t>(received);
+    }
+    REXECCL_TRACE(8, "header completed. (sock=%d time=%s)", sock, TimeText().text);
+    return true;
+}
+
+// Reads the variable part behind the header of `packet`; false as above.
+bool recv_variable(std::int32_t sock, TRANS_PACKET_INFO *packet) {
+    const std::size_t all = packet->hdinfo.size;
+    const std::size_t largest = piece_size(_rexeccl_policy.recv_packet_size, 8192);
+    std::size_t have = 0;
+    while (have < all) {
+        const std::size_t wanted = std::min(largest, all - have);
+        const ssize_t received = recv_some(sock, packet->data + have, wanted);
+        if (received <= 0) {
+            REXECCL_TRACE(1, "recv() failed. (sock=%d wrp=%zu rdspsz=%zu rdsz=%zd rvpktsz=%zu errno=%d)",
+                          sock, have, wanted, received, all, errno);
+            return false;
+        }
+        REXECCL_TRACE(8, "recv() success. (sock=%d wrp=%zu rdspsz=%zu rdsz=%zd rvpktsz=%zu)", sock, have,
+                      wanted, received, all);
+        have += static_cast<std::size_t>(received);
+    }
+    REXECCL_TRACE(8, "variable completed. (sock=%d time=%s)", sock, TimeText().text);
+    return true;
+}
+
+// Receives into *response_out, which a cancelled thread's clean-up frees.
+std::int32_t recv_packet(std::int32_t sock, TRANS_PACKET_INFO **response_out) {
+    TRANS_PACKET_HEADER_INFO header;
+    if (!recv_header(sock, &header))
+        return REXECCL_RET_FAIL_UNKOWN;
+    rexeccl_conv_byteorder(&header, TRANS_RES_HEAD);
+    if (rexeccl_chk_packet(&header) != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "rexeccl_chk_packet() failed. (sock=%d)", sock);
+        return REXECCL_RET_FAIL_INVALIDPACKET;
+    }
+    *response_out = static_cast<TRANS_PACKET_INFO *>(std::calloc(1, header_size + header.size));
+    if (*response_out == nullptr) {
+        REXECCL_TRACE(1, "calloc() failed. (sock=%d errno=%d)", sock, errno);
+        return REXECCL_RET_FAIL_MALLOC;
+    }
+    (*response_out)->hdinfo = header;
+    if (header.size == 0)
+        REXECCL_TRACE(8, "variable has no data. (sock=%d vsz=%d)", sock, 0);
+    else if (!recv_variable(sock, *response_out))
+        return REXECCL_RET_FAIL_COMUNICATION;
+    return REXECCL_RET_SUCCESS;
+}
+
+std::int32_t send_packet(std::int32_t sock, TRANS_PACKET_INFO *packet, std::size_t length) {
+    const char *bytes = reinterpret_cast<const char *>(packet);
+    const std::size_t largest = piece_size(_rexeccl_policy.send_packet_size, 1024);
+    rexeccl_conv_byteorder(&packet->hdinfo, TRANS_REQ_HEAD);
+    std::size_t sent = 0;
+    while (sent < length) {
+        const std::size_t piece_end = sent + std::min(largest, length - sent);
+        while (sent < piece_end) {
+            const ssize_t went = send_some(sock, bytes + sent, piece_end - sent);
+            if (went <= 0) {
+                REXECCL_TRACE(1, "send() failed. (sock=%d err=%d send=%zd sent=%zu/%zu)", sock, errno, went,
+                              sent, length);
+                return REXECCL_RET_FAIL_UNKOWN;
+            }
+            sent += static_cast<std::size_t>(went);
+        }
+        REXECCL_TRACE(8, "send OK. (sock=%d sent=%zu/%zu)", sock, sent, length);
+    }
+    return REXECCL_RET_SUCCESS;
+}
+
+std::int32_t poll_readable(std::int32_t sock) {
+    struct pollfd waited = {.fd = sock, .events = POLLIN, .revents = 0};
+    int ready = 0;
+    {
+        const CancelEnabled may_hang;
+        ready = poll(&waited, 1, select_ms);
+    }
+    int error = errno;
+    if (ready > 0 && (waited.revents & POLLNVAL) != 0) {
+        ready = -1;
+        error = EBADF;
+    }
+    // An interrupted wait is over like one that timed out: the caller repeats either.
+    if (ready == -1 && error != EINTR) {
+        REXECCL_TRACE(1, "select() failed. (sock=%d errno=%d)", sock, error);
+        return REXECCL_RET_FAIL_UNKOWN;
+    }
+    if (ready <= 0) {
+        REXECCL_TRACE(16, "select() timeout. (sock=%d ret=%d)", sock, ready);
+        return REXECCL_RET_FAIL_TIMEOUT;
+    }
+    if ((waited.revents & (POLLIN | POLLHUP | POLLERR)) == 0) {
+        REXECCL_TRACE(1, "FALSE to FD_ISSET(). (sock=%d)", sock);
+        return REXECCL_RET_FAIL_UNKOWN;
+    }
+    return REXECCL_RET_SUCCESS;
+}
+
+// A failure inside this host: it becomes the status of the connection.
+std::int32_t fail(REXECCL_CONNECTION_INFO *connection, std::int32_t status, std::int32_t ret) {
+    connection->status = status;
+    return ret;
+}
+
+const char *host_of(const REXECCL_CONNECTION_INFO *connection) {
+    return connection->cnhost;
+}
+
+void reset_results(REXECCL_CONNECTION_INFO *connection) {
+    REXECCL_EXEC_PARAM_INFO &param = connection->datainfo.execparam;
+    connection->status = TRANS_RES_STAT_SUCCESS;
+    param.ret = 0;
+    param.out_size = 0;
+    param.out_data = nullptr;
+    connection->tdinfo.comm = {};
+}
+
+bool inputs_valid(const REXECCL_EXEC_PARAM_INFO &param) {
+    return param.in_size <= INT_MAX - header_size - envelope_size &&
+           (param.in_size == 0 || param.in_data != nullptr);
+}
+
+std::int32_t build_request(REXECCL_CONNECTION_INFO *connection) {
+    const REXECCL_EXEC_PARAM_INFO &param = connection->datainfo.execparam;
+    REXECCL_COMM_THREAD_INFO &comm = connection->tdinfo.comm;
+    const std::size_t variable_size = envelope_size + param.in_size;
+    comm.preq = static_cast<TRANS_PACKET_INFO *>(std::calloc(1, header_size + variable_size));
+    if (comm.preq == nullptr) {
+        REXECCL_TRACE(1, "calloc() failed. (host=%s errno=%d)", host_of(connection), errno);
+        return fail(connection, TRANS_RES_STAT_FAIL_MEMALLOC, REXECCL_RET_FAIL_MALLOC);
+    }
+    TRANS_REQ_EXEC_PARAM_INFO envelope = {};
+    std::memcpy(envelope.type, param.id, sizeof(envelope.type));
+    envelope.limiter = param.limiter;
+    envelope.size = param.in_size;
+    std::memcpy(comm.preq->data, &envelope, sizeof(envelope));
+    if (param.in_size > 0)
+        std::memcpy(comm.preq->data + envelope_size, param.in_data, param.in_size);
+    REXECCL_TRACE(4, "req->%s/%s", host_of(connection), connection->connstr);
+    const auto wire_size = static_cast<std::uint32_t>(variable_size);
+    rexeccl_make_packet_ex(&comm.preq->hdinfo, TRANS_REQ_EXEC_PARAM, 0, 0, wire_size, wire_size);
+    rexeccl_conv_byteorder(comm.preq->data, TRANS_REQ_EXEC_PARAM);
+    comm.reqsize = static_cast<std::int32_t>(header_size + variable_size);
+    return REXECCL_RET_SUCCESS;
+}
+
+// Runs the communication thread under the request's time limit and joins it.
+std::int32_t exchange(REXECCL_CONNECTION_INFO *connection) {
+    const std::int32_t started = rexeccl_start_communication(connection);
+    if (started != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "rexeccl_create_thread() failed. (host=%s ret=%d)", host_of(connection), started);
+        return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_UNKOWN);
+    }
+    const unsigned int tid = rexeccl_low32(connection->tdinfo.comm.tid);
+    const std::int32_t waited =
+        rexeccl_wait_thread(connection->tdinfo.comm.tid, connection->datainfo.execparam.restimeout);
+    if (waited != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "timeout. (host=%s tid=%#x ret=%d timeout=%d)", host_of(connection), tid, waited,
+                      _rexeccl_policy.restimeout);
+        rexeccl_abandon_communication(connection);
+        return fail(connection, TRANS_RES_STAT_FAIL_CMDTIMEOUT, REXECCL_RET_FAIL_TIMEOUT);
+    }
+    std::int32_t ret = REXECCL_RET_SUCCESS;
+    if (const int error = rexeccl_finish_communication(connection, &ret); error != 0) {
+        REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host_of(connection), tid,
+                      error);
+        return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_UNKOWN);
+    }
+    if (ret != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "comm NG. (host=%s tid=%#x ret=%d)", host_of(connection), tid, ret);
+        return fail(connection, TRANS_RES_STAT_FAIL_COMUNICATION, REXECCL_RET_FAIL_COMUNICATION);
+    }
+    return REXECCL_RET_SUCCESS;
+}
+
+std::int32_t copy_output(REXECCL_CONNECTION_INFO *connection, const char *data, std::uint32_t size) {
+    REXECCL_EXEC_PARAM_INFO &param = connection->datainfo.execparam;
+    if (size == 0)
+        return REXECCL_RET_SUCCESS;
+    param.out_data = std::calloc(1, size);
+    if (param.out_data == nullptr) {
+        REXECCL_TRACE(1, "calloc() failed. (host=%s errno=%d)", host_of(connection), errno);
+        return fail(connection, TRANS_RES_STAT_FAIL_MEMALLOC, REXECCL_RET_FAIL_MALLOC);
+    }
+    std::memcpy(param.out_data, data, size);
+    param.out_size = size;
+    return REXECCL_RET_SUCCESS;
+}
+
+// Takes the data out of a response with status 0, whose body may be shorter than it says.
+std::int32_t take_output(REXECCL_CONNECTION_INFO *connection) {
+    TRANS_PACKET_INFO *response = connection->tdinfo.comm.pres;
+    const std::size_t arrived = response->hdinfo.size;
+    if (response->hdinfo.allsize == 0) {
+        REXECCL_TRACE(1, "no data. (host=%s size=%u/%u)", host_of(connection), response->hdinfo.size,
+                      response->hdinfo.allsize);
+        return REXECCL_RET_SUCCESS;
+    }
+    if (arrived < result_size) {
+        REXECCL_TRACE(1, "invalid body. (host=%s size=%zu)", host_of(connection), arrived);
+        return fail(connection, TRANS_RES_STAT_FAIL_COMUNICATION, REXECCL_RET_FAIL_COMUNICATION);
+    }
+    rexeccl_conv_byteorder(response->data, TRANS_RES_EXEC_PARAM);
+    TRANS_RES_EXEC_PARAM_INFO result = {};
+    std::memcpy(&result, response->data, sizeof(result));
+    if (result.size > arrived - result_size) {
+        REXECCL_TRACE(1, "invalid data size. (host=%s size=%u/%zu)", host_of(connection), result.size,
+                      arrived);
+        return fail(connection, TRANS_RES_STAT_FAIL_COMUNICATION, REXECCL_RET_FAIL_COMUNICATION);
+    }
+    connection->datainfo.execparam.ret = static_cast<std::int32_t>(result.rts);
+    return copy_output(connection, response->data + result_size, result.size);
+}
+
+std::int32_t judge_response(REXECCL_CONNECTION_INFO *connection) {
+    const TRANS_PACKET_HEADER_INFO &header = connection->tdinfo.comm.pres->hdinfo;
+    if (header.ncode != TRANS_RES_EXEC_PARAM) {
+        REXECCL_TRACE(1, "invalid code. (host=%s res=%d)", host_of(connection), header.ncode);
+        return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_UNKOWN);
+    }
+    if (header.status != TRANS_RES_STAT_SUCCESS) {
+        REXECCL_TRACE(1, "invalid status. (host=%s stat=%d)", host_of(connection), header.status);
+        return fail(connection, header.status, REXECCL_RET_FAIL_SERVER);
+    }
+    return take_output(connection);
+}
+
+std::int32_t run_request(REXECCL_CONNECTION_INFO *connection) {
+    if (!inputs_valid(connection->datainfo.execparam)) {
+        REXECCL_TRACE(1, "invalid parameter. (size=%u data=%p)", connection->datainfo.execparam.in_size,
+                      connection->datainfo.execparam.in_data);
+        return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_PARAMETER);
+    }
+    reset_results(connection);
+    std::int32_t ret = build_request(connection);
+    if (ret == REXECCL_RET_SUCCESS)
+        ret = exchange(connection);
+    if (ret == REXECCL_RET_SUCCESS)
+        ret = judge_response(connection);
+    return ret;
+}
+
+// Starts the worker of each connection; returns 10 when none could be started, 7 when some could.
+std::int32_t start_workers(REXECCL_CONNECTION_INFO *handle) {
+    bool some_failed = false;
+    bool some_started = false;
+    for (REXECCL_CONNECTION_INFO *at = handle; at != nullptr; at = at->next) {
+        at->status = TRANS_RES_STAT_SUCCESS;
+        const std::int32_t ret = rexeccl_create_thread(
+            [](void *connection) {
+                return rexeccl_execparam(static_cast<REXECCL_CONNECTION_INFO *>(connection));
+            },
+            &_rexeccl_thattr_joinable, at, &at->tdinfo.tid);
+        if (ret == REXECCL_RET_SUCCESS) {
+            REXECCL_TRACE(4, ">>>execparam (tid=%#x host=%s)", rexeccl_low32(at->tdinfo.tid), host_of(at));
+            some_started = true;
+        } else {
+            REXECCL_TRACE(1, "rexeccl_create_thread() failed. (host=%s ret=%d)", host_of(at), ret);
+            at->status = TRANS_RES_STAT_FAIL_UNKOWN;
+            at->tdinfo.tid = 0;
+            some_failed = true;
+        }
+    }
+    if (!some_failed)
+        return REXECCL_RET_SUCCESS;
+    return some_started ? REXECCL_RET_FAIL_SERVER : REXECCL_RET_FAIL_UNKOWN;
+}
+
+std::int32_t join_worker(REXECCL_CONNECTION_INFO *connection) {
+    const unsigned int tid = rexeccl_low32(connection->tdinfo.tid);
+    std::int32_t worker = REXECCL_RET_SUCCESS;
+    std::int32_t ret = REXECCL_RET_SUCCESS;
+    if (const int error = rexeccl_join_thread(connection->tdinfo.tid, &worker); error != 0) {
+        REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host_of(connection), tid,
+                      error);
+        connection->status = TRANS_RES_STAT_FAIL_UNKOWN;
+        ret = REXECCL_RET_FAIL_SERVER;
+    } else if (worker != REXECCL_RET_SUCCESS) {
+        if (connection->status == TRANS_RES_STAT_SUCCESS)
+            connection->status = TRANS_RES_STAT_FAIL_UNKOWN;
+        ret = REXECCL_RET_FAIL_SERVER;
+    }
+    REXECCL_TRACE(4, "<<<execparam (tid=%#x host=%s ret=%d stat=%d)", tid, host_of(connection), worker,
+                  connection->status);
+    connection->tdinfo.tid = 0;
+    return ret;
+}
+
+} // namespace
+
+std::int32_t rexeccl_start_communication(REXECCL_CONNECTION_INFO *connection) {
+    return rexeccl_create_thread(
+        [](void *argument) {
+            return rexeccl_communication(static_cast<REXECCL_CONNECTION_INFO *>(argument));
+        },
+        &_rexeccl_thattr_joinable, connection, &connection->tdinfo.comm.tid);
+}
+
+int rexeccl_abandon_communication(REXECCL_CONNECTION_INFO *connection) {
+    pthread_cancel(connection->tdinfo.comm.tid);
+    std::int32_t ret = 0;
+    return rexeccl_finish_communication(connection, &ret);
+}
+
+int rexeccl_finish_communication(REXECCL_CONNECTION_INFO *connection, std::int32_t *ret) {
+    const int error = rexeccl_join_thread(connection->tdinfo.comm.tid, ret);
+    connection->tdinfo.comm.tid = 0;
+    return error;
+}
+
+void rexeccl_free_packets(REXECCL_CONNECTION_INFO *connection) {
+    std::free(connection->tdinfo.comm.preq);
+    std::free(connection->tdinfo.comm.pres);
+    connection->tdinfo.comm.preq = nullptr;
+    connection->tdinfo.comm.pres = nullptr;
+}
+
+void rexeccl_execparam_cleanup(REXECCL_CONNECTION_INFO *connection) {
+    REXECCL_TRACE(4, "start - (conn=%#x)", rexeccl_low32(connection));
+    const CancelDisabled whole_cleanup;
+    if (connection->tdinfo.comm.tid != 0)
+        rexeccl_abandon_communication(connection);
+    rexeccl_free_packets(connection);
+}
+
+void rexeccl_communication_cleanup(REXECCL_CONNECTION_INFO *connection) {
+    REXECCL_TRACE(16, "start - (conn=%#x)", rexeccl_low32(connection));
+    std::free(connection->tdinfo.comm.pres);
+    connection->tdinfo.comm.pres = nullptr;
+}
+
+std::int32_t rexeccl_request(std::int32_t sock, TRANS_PACKET_INFO *packet, std::int32_t length) {
+    REXECCL_TRACE(8, "start - (sock=%d pkt=%p len=%d)", sock, static_cast<void *>(packet), length);
+    const std::int32_t ret = send_packet(sock, packet, static_cast<std::size_t>(length));
+    REXECCL_TRACE(8, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_select(std::int32_t sock) {
+    REXECCL_TRACE(16, "start - (sock=%d)", sock);
+    const std::int32_t ret = poll_readable(sock);
+    REXECCL_TRACE(16, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_recv(std::int32_t sock, TRANS_PACKET_INFO **response_out) {
+    REXECCL_TRACE(8, "start - (sock=%d)", sock);
+    *response_out = nullptr;
+    const std::int32_t ret = recv_packet(sock, response_out);
+    if (ret != REXECCL_RET_SUCCESS) {
+        std::free(*response_out);
+        *response_out = nullptr;
+    }
+    REXECCL_TRACE(8, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_response(std::int32_t sock, TRANS_PACKET_INFO **response_out) {
+    REXECCL_TRACE(8, "start - (sock=%d)", sock);
+    std::int32_t ret = REXECCL_RET_FAIL_TIMEOUT;
+    while (ret == REXECCL_RET_FAIL_TIMEOUT)
+        ret = rexeccl_select(sock);
+    if (ret != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "rexeccl_select() failed. (sock=%d ret=%d)", sock, ret);
+        ret = REXECCL_RET_FAIL_UNKOWN;
+    } else if (ret = rexeccl_recv(sock, response_out); ret == REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(8, "rexeccl_recv() success. (sock=%d ret=%d)", sock, ret);
+    } else if (ret == REXECCL_RET_FAIL_COMUNICATION) {
+        REXECCL_TRACE(1, "rexeccl_recv(refuse) failed. (sock=%d ret=%d)", sock, ret);
+    } else {
+        REXECCL_TRACE(1, "rexeccl_recv() failed. (sock=%d ret=%d)", sock, ret);
+        ret = REXECCL_RET_FAIL_UNKOWN;
+    }
+    REXECCL_TRACE(8, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_communication(REXECCL_CONNECTION_INFO *connection) {
+    const CancelDisabled but_for_the_waits;
+    REXECCL_TRACE(16, "start - (conn=%#x)", rexeccl_low32(connection));
+    CancelCleanup<REXECCL_CONNECTION_INFO> cleanup(rexeccl_communication_cleanup, connection);
+    REXECCL_COMM_THREAD_INFO &comm = connection->tdinfo.comm;
+    std::int32_t ret = rexeccl_request(connection->sock, comm.preq, comm.reqsize);
+    if (ret != REXECCL_RET_SUCCESS) {
+        REXECCL_TRACE(1, "rexeccl_request() failed. (ret=%d)", ret);
+        ret = REXECCL_RET_FAIL_COMUNICATION;
+    } else {
+        act_on_cancel();
+        if (ret = rexeccl_response(connection->sock, &comm.pres); ret != REXECCL_RET_SUCCESS) {
+            REXECCL_TRACE(1, "rexeccl_response() failed. (ret=%d)", ret);
+            ret = REXECCL_RET_FAIL_COMUNICATION;
+        }
+    }
+    cleanup.dismiss();
+    REXECCL_TRACE(16, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_execparam(REXECCL_CONNECTION_INFO *connection) {
+    const CancelDisabled whole_request;
+    REXECCL_TRACE(8, "start - (hdl=%p)", static_cast<void *>(connection));
+    std::int32_t ret = REXECCL_RET_SUCCESS;
+    if (_rexeccl_initflag != TRANS_FLAG_ON) {
+        REXECCL_TRACE(2, "not initialized. ()");
+        ret = REXECCL_RET_FAIL_NOTINITIALIZED;
+    } else if (connection == nullptr) {
+        REXECCL_TRACE(1, "invalid parameter. (hdl=%p)", static_cast<void *>(connection));
+        ret = REXECCL_RET_FAIL_PARAMETER;
+    } else {
+        CancelCleanup<REXECCL_CONNECTION_INFO> cleanup(rexeccl_execparam_cleanup, connection);
+        ret = run_request(connection);
+        cleanup.dismiss();
+        rexeccl_free_packets(connection);
+    }
+    REXECCL_TRACE(8, "end - (ret=%d)", ret);
+    return ret;
+}
+
+std::int32_t rexeccl_multi_execparam(REXECCL_CONNECTION_INFO *handle) {
+    REXECCL_TRACE(8, "start - (hdl=%#x)", rexeccl_low32(handle));
+    std::int32_t ret = REXECCL_RET_SUCCESS;
+    if (_rexeccl_initflag != TRANS_FLAG_ON) {
+        REXECCL_TRACE(2, "not initialized. ()");
+        ret = REXECCL_RET_FAIL_NOTINITIALIZED;
+    } else if (handle == nullptr) {
+        REXECCL_TRACE(1, "invalid parameter. (hdl=%#x)", 0U);
+        ret = REXECCL_RET_FAIL_PARAMETER;
+    } else {
+        ret = start_workers(handle);
+        for (REXECCL_CONNECTION_INFO *at = handle; at != nullptr; at = at->next)
+            if (at->tdinfo.tid != 0 && join_worker(at) != REXECCL_RET_SUCCESS)
+                ret = REXECCL_RET_FAIL_SERVER;
+    }
+    REXECCL_TRACE(8, "end - (ret=%d)", ret);
+    return ret;
+}

@@ -1,0 +1,36 @@
+// The trace of the command and of its transfer client: one line to the log library and, when the
+// user asked for it, to the user log file.
+#pragma once
+
+#include "rexec.h"
+
+#include <cstdint>
+#include <type_traits>
+
+// Writes one line to _rexec_ploghandle and to _rexec_pusrlogfd, whichever is set; nothing when
+// neither is. A message is cut at 4095 bytes. `level` is 1 error, 2 warning, 4 information, 8 trace
+// or 16 detail; every level reaches the user log file. Never a cancellation point: a line is whole
+// or absent, and its locks are given back. Any thread may call it.
+void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, const char *function,
+                const char *format, ...) __attribute__((format(printf, 5, 6)));
+
+// Copies `text` into `doubled` of `size` bytes and doubles each per cent sign that is not half of a
+// "%%", so that a printf-style reader finds no conversion in it. Cuts what does not fit.
+void rexeccl_double_percent(const char *text, char *doubled, std::size_t size);
+
+// The low 32 bits of a pointer or a thread id, for texts that print it with %#x.
+template <typename T>
+unsigned int rexeccl_low32(T value) {
+    if constexpr (std::is_pointer_v<T>)
+        return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(value));
+    else
+        return static_cast<unsigned int>(value);
+}
+
+// The macros know file, line and function of their caller; each source names itself by its module.
+#define REXECCL_TRACE(level, ...) rexeccllog((level), "src/rexeccl", __LINE__, __func__, __VA_ARGS__)
+#define REXEC_TRACE(level, ...) rexeccllog((level), "src/rexec", __LINE__, __func__, __VA_ARGS__)
+
+// Entry and exit of a function of the command.
+#define REXEC_ENTER() REXEC_TRACE(8, "<<< ENTER >>>")
+#define REXEC_EXIT(result) REXEC_TRACE(8, "<<< EXIT >>> : %d", (result))
