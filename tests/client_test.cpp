@@ -1,0 +1,341 @@
+// The transfer client against real peers: what each misbehaviour becomes, and that nothing is left.
+#include "rehearsal_peer.h"
+#include "rexeccl.h"
+#include "rexeccl/connect.h"
+#include "rexeccl/exchange.h"
+#include "rexeccl/settings.h"
+#include "rexeccl/socket.h"
+#include "support/capture.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include <arpa/inet.h>
+#include <dirent.h>
+#include <netdb.h>
+
+namespace {
+
+using rehearsal::Server;
+using namespace std::chrono_literals;
+
+// Entries of a directory of this process, such as its open descriptors or its threads.
+int count_entries(const char *path) {
+    DIR *dir = opendir(path);
+    int count = 0;
+    while (dir != nullptr && readdir(dir) != nullptr)
+        ++count;
+    closedir(dir);
+    return count;
+}
+
+struct Addresses {
+    explicit Addresses(const std::vector<std::string> &texts) : bytes(texts.size() * TRANS_IP_LEN) {
+        for (std::size_t i = 0; i < texts.size(); ++i)
+            std::strcpy(&bytes[i * TRANS_IP_LEN], texts[i].c_str());
+    }
+    const char (*get() const)[TRANS_IP_LEN] {
+        return reinterpret_cast<const char(*)[TRANS_IP_LEN]>(bytes.data());
+    }
+    std::vector<char> bytes;
+};
+
+using Nodes = std::unique_ptr<REXECCL_NODE_INFO, decltype(&std::free)>;
+
+Nodes make_nodes(const std::vector<std::string> &texts) {
+    const Addresses addresses(texts);
+    const auto count = static_cast<std::int32_t>(texts.size());
+    std::int32_t size = 0;
+    EXPECT_EQ(rexeccl_createnodelist(count, nullptr, nullptr, &size), 0);
+    Nodes nodes(static_cast<REXECCL_NODE_INFO *>(std::malloc(static_cast<std::size_t>(size))), std::free);
+    EXPECT_EQ(rexeccl_createnodelist(count, nodes.get(), addresses.get(), &size), 0);
+    return nodes;
+}
+
+class Client : public testing::Test {
+protected:
+    Client() {
+        _rexec_standalone = 1;
+        REXEC_INFO info = {};
+        EXPECT_EQ(rexeccl_initialize(&info), 0);
+        _rexeccl_policy.restimeout = 1;
+        _rexeccl_policy.conntimeout = 1;
+    }
+    ~Client() override { EXPECT_EQ(rexeccl_terminate(), 0); }
+
+    // Runs one request on every connection of the list.
+    static std::int32_t request(REXECCL_CONNECTION_INFO *connections, std::vector<char> &payload,
+                                std::int32_t restimeout = 1) {
+        for (REXECCL_CONNECTION_INFO *at = connections; at != nullptr; at = at->next) {
+            at->datainfo.execparam = {};
+            std::strcpy(at->datainfo.execparam.id, "zynexecscript_ex");
+            at->datainfo.execparam.limiter = 1;
+            at->datainfo.execparam.restimeout = restimeout;
+            at->datainfo.execparam.in_size = static_cast<std::uint32_t>(payload.size());
+            at->datainfo.execparam.in_data = payload.empty() ? nullptr : payload.data();
+        }
+        return rexeccl_multi_execparam(connections);
+    }
+};
+
+std::vector<char> script_payload() {
+    std::vector<char> payload(520);
+    std::strcpy(payload.data(), "run.sh");
+    return payload;
+}
+
+struct CheckRow {
+    const char *address;
+    const char *fault; // of the rehearsal server, "" for none
+    std::int32_t ret;
+    std::int32_t nstatus;
+};
+
+const std::vector<CheckRow> check_rows = {
+    {"127.0.0.1", "", 0, 0},
+    {"127.0.0.2", "refuse", 4, 7},
+    {"127.0.0.3", "check-silent", 4, 8},
+    {"127.0.0.4", "check-close-before", 4, 7},
+    {"127.0.0.5", "check-reset-header", 4, 7},
+    {"127.0.0.6", "check-wrong-magic", 4, 7},
+    {"127.0.0.7", "check-wrong-code", 10, 18},
+    {"127.0.0.8", "busy", 10, 9},
+    {"127.0.0.9", "check-status:28", 10, 28},
+    {"127.0.0.10", "check-oversized", 4, 7},
+    {"127.0.0.11", "check-drip:1", 0, 0},
+};
+
+TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
+    rehearsal::Options options = peer_options();
+    std::vector<std::string> all;
+    options.addresses.clear();
+    for (const CheckRow &row : check_rows) {
+        all.push_back(row.address);
+        options.addresses.push_back(row.address);
+        if (row.fault[0] != '\0')
+            options.faults.emplace_back(row.address, row.fault);
+    }
+    Server peer(std::move(options));
+    peer.start();
+    const int descriptors = count_entries("/proc/self/fd");
+    const int threads = count_entries("/proc/self/task");
+    for (const CheckRow &row : check_rows) {
+        const Nodes nodes = make_nodes({row.address});
+        REXECCL_CONNECTION_INFO *handle = nullptr;
+        EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), row.ret) << row.fault;
+        EXPECT_EQ(nodes->nstatus, row.nstatus) << row.fault;
+        EXPECT_EQ(handle != nullptr, row.ret == 0) << row.fault;
+        if (handle != nullptr)
+            EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
+    }
+    // All of them in one list: those that answered are connected, and only they.
+    const Nodes nodes = make_nodes(all);
+    REXECCL_CONNECTION_INFO *handle = nullptr;
+    EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 7);
+    const REXECCL_NODE_INFO *node = nodes.get();
+    for (const CheckRow &row : check_rows) {
+        EXPECT_EQ(node->nstatus, row.nstatus) << row.fault;
+        node = node->next;
+    }
+    ASSERT_NE(handle, nullptr);
+    EXPECT_STREQ(handle->connstr, "127.0.0.1");
+    ASSERT_NE(handle->next, nullptr);
+    EXPECT_STREQ(handle->next->connstr, "127.0.0.11");
+    EXPECT_EQ(handle->next->next, nullptr);
+    EXPECT_EQ(rexeccl_disconnect_ex(handle, make_nodes({"127.0.0.1"}).get()), 1) << "fewer nodes than connections";
+    EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
+    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors + peer_descriptors(peer));
+    EXPECT_EQ(count_entries("/proc/self/task"), threads);
+}
+
+struct RequestRow {
+    const char *address;
+    const char *fault;
+    std::int32_t status;
+    std::uint32_t out_size;
+};
+
+const std::vector<RequestRow> request_rows = {
+    {"127.0.0.1", "", 0, 264},
+    {"127.0.0.2", "silent", 8, 0},
+    {"127.0.0.3", "close-before", 7, 0},
+    {"127.0.0.4", "close-header", 7, 0},
+    {"127.0.0.5", "close-after-header", 7, 0},
+    {"127.0.0.6", "close-body", 7, 0},
+    {"127.0.0.7", "close-after", 0, 264},
+    {"127.0.0.8", "reset-before", 7, 0},
+    {"127.0.0.9", "reset-body", 7, 0},
+    {"127.0.0.10", "wrong-magic", 7, 0},
+    {"127.0.0.11", "wrong-code", 18, 0},
+    {"127.0.0.12", "oversized", 7, 0},
+    {"127.0.0.13", "huge-size", 7, 0},
+    {"127.0.0.14", "short-body:7", 7, 0},
+    {"127.0.0.15", "lie-inner", 7, 0},
+    {"127.0.0.16", "drip:1", 0, 264},
+    {"127.0.0.17", "status:22", 22, 0},
+    {"127.0.0.18", "status:4711", 4711, 0},
+    {"127.0.0.19", "unterminated", 0, 264},
+};
+
+TEST_F(Client, EachConnectionTellsItsOwnOutcomeOfTheRequest) {
+    rehearsal::Options options = peer_options();
+    std::vector<std::string> all;
+    options.addresses.clear();
+    for (const RequestRow &row : request_rows) {
+        all.push_back(row.address);
+        options.addresses.push_back(row.address);
+        if (row.fault[0] != '\0')
+            options.faults.emplace_back(row.address, row.fault);
+    }
+    Server peer(std::move(options));
+    peer.start();
+    const int descriptors = count_entries("/proc/self/fd");
+    const int threads = count_entries("/proc/self/task");
+    const Nodes nodes = make_nodes(all);
+    REXECCL_CONNECTION_INFO *handle = nullptr;
+    ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
+    std::vector<char> payload = script_payload();
+    EXPECT_EQ(request(handle, payload, 3), 7);
+    const REXECCL_CONNECTION_INFO *at = handle;
+    for (const RequestRow &row : request_rows) {
+        EXPECT_EQ(at->status, row.status) << row.fault;
+        EXPECT_EQ(at->datainfo.execparam.out_size, row.out_size) << row.fault;
+        EXPECT_EQ(at->datainfo.execparam.out_data != nullptr, row.out_size != 0) << row.fault;
+        std::free(at->datainfo.execparam.out_data);
+        at = at->next;
+    }
+    rexeccl_disconnect_ex(handle, nodes.get());
+    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors + peer_descriptors(peer));
+    EXPECT_EQ(count_entries("/proc/self/task"), threads);
+}
+
+// Answers that no named fault gives, and what a request without a payload looks like.
+TEST_F(Client, AnswerWithoutDataAndRequestWithoutPayload) {
+    rehearsal::Options options = peer_options();
+    options.hook = [](const rehearsal::Exchange &exchange) -> std::optional<rehearsal::RawAnswer> {
+        if (exchange.code != 34)
+            return std::nullopt;
+        std::string answer(76, '\0');
+        std::memcpy(answer.data(), "trnsv", 5);
+        answer[59] = 35;
+        return rehearsal::RawAnswer{.bytes = {answer.begin(), answer.end()}};
+    };
+    Server peer(std::move(options));
+    peer.start();
+    const Nodes nodes = make_nodes({"127.0.0.1"});
+    REXECCL_CONNECTION_INFO *handle = nullptr;
+    ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
+    const TraceCapture trace;
+    std::vector<char> payload;
+    EXPECT_EQ(request(handle, payload), 0);
+    EXPECT_EQ(handle->status, 0);
+    EXPECT_EQ(handle->datainfo.execparam.out_size, 0U);
+    EXPECT_EQ(handle->datainfo.execparam.out_data, nullptr);
+    EXPECT_EQ(trace.count("E no data. (host=127.0.0.1 size=0/0)"), 1);
+    rexeccl_disconnect_ex(handle, nodes.get());
+    bool seen = false;
+    for (const rehearsal::Exchange &exchange : peer.exchanges())
+        seen = seen || (exchange.code == 34 && exchange.request_bytes.size() == 116);
+    EXPECT_TRUE(seen);
+}
+
+// A node reached by its second address or, with name resolution on, by its name.
+TEST_F(Client, AddressesAreTriedInOrderAndTheNameLast) {
+    Server peer(peer_options());
+    peer.start();
+    REXECCL_NODE_LAN_INFO plan[2] = {};
+    REXECCL_NODE_INFO node = {};
+    node.plan = plan;
+    node.nipnum = 2;
+    struct Row {
+        const char *host, *first, *second;
+        std::int32_t usedns, ret;
+        const char *connected;
+        int attempts;
+    };
+    const std::vector<Row> rows = {
+        {"127.0.0.1", "127.0.0.99", "127.0.0.1", 1, 0, "127.0.0.1", 2},
+        {"127.0.0.1", "127.0.0.99", "not-numeric", 1, 0, "127.0.0.1", 3},
+        {"127.0.0.98", "127.0.0.99", "127.0.0.97", 1, 4, "", 3},
+        {"127.0.0.1", "127.0.0.99", "127.0.0.98", 0, 0, "", 2}, // gives back no socket, and 0
+        {"127.0.0.1", "", "127.0.0.1", 0, 0, "127.0.0.1", 2},
+    };
+    for (const Row &row : rows) {
+        const TraceCapture trace;
+        std::strcpy(node.szhost, row.host);
+        std::strcpy(plan[0].szip, row.first);
+        std::strcpy(plan[1].szip, row.second);
+        _rexeccl_policy.usedns = row.usedns;
+        std::int32_t sock = 0;
+        char address[256];
+        EXPECT_EQ(rexeccl_make_connection(&node, peer.port(), &sock, address, sizeof(address)), row.ret) << row.host;
+        EXPECT_STREQ(address, row.connected);
+        EXPECT_EQ(sock != -1, row.connected[0] != '\0');
+        int attempts = 0;
+        for (const std::string &line : trace.lines())
+            attempts += line.starts_with("I connect->") ? 1 : 0;
+        EXPECT_EQ(attempts, row.attempts);
+        if (sock != -1)
+            EXPECT_EQ(rexeccl_close_socket(sock), 0);
+    }
+}
+
+// A port that does not fit 16 bits must never become another port.
+TEST_F(Client, PortOutOfRangeConnectsNowhere) {
+    Server peer(peer_options());
+    peer.start();
+    const Nodes nodes = make_nodes({"127.0.0.1"});
+    for (const std::int32_t port : {peer.port() + 65536, peer.port() - 65536, 65536, 2147483647}) {
+        const TraceCapture trace;
+        REXECCL_CONNECTION_INFO *handle = nullptr;
+        EXPECT_EQ(rexeccl_connect_ex(nodes.get(), port, &handle), 4) << port;
+        EXPECT_NE(trace.raw().find("getaddrinfo(local) failed."), std::string::npos);
+    }
+    EXPECT_EQ(peer.recorder().accepted(), 0U);
+}
+
+// A node that bears this host's short name is reached over loopback, whatever address it is given.
+TEST_F(Client, OwnHostNameMeansLoopback) {
+    char name[256] = {};
+    ASSERT_EQ(gethostname(name, sizeof(name) - 1), 0);
+    name[std::strcspn(name, ".")] = '\0';
+    rehearsal::Options options = peer_options();
+    Server peer(std::move(options));
+    peer.start();
+    REXECCL_CNTD_PARAM_INFO param = {};
+    std::snprintf(param.host, sizeof(param.host), "%s", name);
+    std::strcpy(param.ip, "192.0.2.1");
+    param.ai_flags = AI_NUMERICHOST;
+    param.port = peer.port();
+    const TraceCapture trace;
+    EXPECT_EQ(rexeccl_create_socket(&param), 0);
+    EXPECT_EQ(trace.count(std::string("I connect to local. (host=") + name + ")"), 1);
+    rexeccl_close_socket(param.sock);
+    std::strcpy(param.host, "another");
+    param.ip[0] = '\0';
+    EXPECT_EQ(rexeccl_create_socket(&param), 1);
+    EXPECT_EQ(trace.count("W IP was null, skip."), 1);
+}
+
+TEST_F(Client, InvalidArgumentsAreRefused) {
+    const TraceCapture trace;
+    REXECCL_NODE_INFO node = {};
+    REXECCL_CONNECTION_INFO connection = {};
+    REXECCL_CONNECTION_INFO *handle = nullptr;
+    EXPECT_EQ(rexeccl_connect_ex(nullptr, 1, &handle), 1);
+    EXPECT_EQ(rexeccl_connect_ex(&node, 1, &handle), 1);
+    EXPECT_EQ(trace.count("E invalid parameter. (host= ipnum=0)"), 1);
+    std::strcpy(node.szhost, "h");
+    EXPECT_EQ(rexeccl_connect_ex(&node, 1, nullptr), 1);
+    EXPECT_EQ(trace.count("E invalid parameter. (phdl=(nil))"), 1);
+    EXPECT_EQ(rexeccl_multi_execparam(nullptr), 1);
+    EXPECT_EQ(rexeccl_execparam(nullptr), 1);
+    EXPECT_EQ(rexeccl_disconnect_ex(nullptr, &node), 1);
+    EXPECT_EQ(rexeccl_disconnect_ex(&connection, nullptr), 1);
+    EXPECT_EQ(rexeccl_createnodelist(1, nullptr, nullptr, nullptr), 1);
+}
+
+} // namespace

@@ -1,0 +1,322 @@
+// The real command, run as a user runs it.
+#include "rehearsal_peer.h"
+#include "support/capture.h"
+#include "support/run.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+namespace {
+
+using rehearsal::Server;
+using namespace std::chrono_literals;
+
+// A folder that goes with the test.
+struct Folder {
+    Folder() {
+        char name[] = "/tmp/zynrexec-test-XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~Folder() { std::filesystem::remove_all(path); }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+    std::string operator/(const std::string &name) const { return path + "/" + name; }
+    std::string path;
+};
+
+std::string read_file(const std::string &path) {
+    std::ifstream file(path);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+std::vector<std::string> sorted_lines(const std::string &text) {
+    std::vector<std::string> lines = split_lines(text);
+    std::sort(lines.begin(), lines.end());
+    return lines;
+}
+
+std::vector<std::string> command(const Server &peer, std::vector<std::string> words) {
+    words.insert(words.begin(), {ZYN_COMMAND, "-p", std::to_string(peer.port())});
+    return words;
+}
+
+struct FaultRow {
+    const char *address, *fault, *line;
+};
+
+// One request, many servers, each with a fault of its own; the slowest wait is shared by all.
+TEST(Command, EachServerGetsItsOwnLine) {
+    const std::vector<FaultRow> rows = {
+        {"127.0.0.1", "", "GRP_FAILOVER 127.0.0.1 : Success "},
+        {"::1", "", "GRP_FAILOVER ::1 : Success "},
+        {"127.0.0.2", "refuse", "Connect 127.0.0.2: Failed "},
+        {"127.0.0.3", "silent-request", "GRP_FAILOVER 127.0.0.3 : Failed."},
+        {"127.0.0.4", "late:200", "GRP_FAILOVER 127.0.0.4 : Success "},
+        {"127.0.0.5", "drip:2", "GRP_FAILOVER 127.0.0.5 : Success "},
+        {"127.0.0.6", "close-header", "GRP_FAILOVER 127.0.0.6 : Failed."},
+        {"127.0.0.7", "reset-before", "GRP_FAILOVER 127.0.0.7 : Failed."},
+        {"127.0.0.8", "busy", "Connect 127.0.0.8: Failed "},
+        {"127.0.0.9", "check-status:28", "Connect 127.0.0.9: Failed "},
+        {"127.0.0.10", "status:9", "GRP_FAILOVER 127.0.0.10 : Busy."},
+        {"127.0.0.11", "status:28",
+         "GRP_FAILOVER 127.0.0.11 : This server is not permitted to execute zynrexec. "},
+        {"127.0.0.12", "status:2", "GRP_FAILOVER 127.0.0.12 : Invalid option. "},
+        {"127.0.0.13", "status:31", "GRP_FAILOVER 127.0.0.13 : Specified group(grp1) does not exist. "},
+        {"127.0.0.14", "status:22", "GRP_FAILOVER 127.0.0.14 : Group(grp1) is offline. "},
+        {"127.0.0.15", "terminate-silent", "GRP_FAILOVER 127.0.0.15 : Success "},
+        {"127.0.0.16", "check-silent", "Connect 127.0.0.16: Failed "},
+    };
+    rehearsal::Options options = peer_options();
+    options.addresses.clear();
+    std::string list;
+    std::vector<std::string> wanted;
+    for (const FaultRow &row : rows) {
+        options.addresses.emplace_back(row.address);
+        if (row.fault[0] != '\0')
+            options.faults.emplace_back(row.address, row.fault);
+        list += (list.empty() ? "" : ",") + std::string(row.address);
+        wanted.emplace_back(row.line);
+    }
+    Server peer(std::move(options));
+    peer.start();
+    std::sort(wanted.begin(), wanted.end());
+    const Finished finished = run(command(peer, {"--failover", "grp1", "-w", "5", "-h", list}));
+    EXPECT_EQ(sorted_lines(finished.output), wanted);
+    EXPECT_EQ(finished.exit, 0);
+}
+
+TEST(Command, MonitorsAndScriptsAreToldBelowTheirServer) {
+    Server peer(peer_options());
+    peer.start();
+    EXPECT_EQ(run(command(peer, {"--script", "run.sh"})).output,
+              "EXEC_SCRIPT 127.0.0.1 : Success \n  script exitcode=3\n");
+    EXPECT_EQ(run(command(peer, {"--notice", "-k", "cat"})).output,
+              "MRW_NOTICE 127.0.0.1 : Success \n"
+              "  mon1\t: preaction script[Executed(exitcode=0)], Failover[Success]\n"
+              "  mon2\t: Restart[Success]\n");
+    EXPECT_EQ(run(command(peer, {"--notice", "-k", "cat.key"})).output,
+              "MRW_NOTICE 127.0.0.1 : Success \n  mon1\t: already error status, do not action\n");
+    EXPECT_EQ(run(command(peer, {"--clear", "mon1"})).output,
+              "MRW_CLEAR 127.0.0.1 : Success \n  mon1\t: clear[Success]\n");
+    EXPECT_EQ(run(command(peer, {"--clear", "nobody"})).output,
+              "MRW_CLEAR 127.0.0.1 : Specified resource(nobody) does not exist. \n");
+}
+
+// Answers whose inner lengths lie: the status line stands, no detail is made up.
+TEST(Command, ShortAndLyingAnswersGiveNoDetail) {
+    struct Row {
+        std::string fault;
+        std::vector<std::string> words;
+        std::string output;
+    };
+    const std::vector<Row> rows = {
+        {"lie-monnum:1000", {"--clear", "-k", "cat"},
+         "MRW_CLEAR 127.0.0.1 : Success \n  mon1\t: clear[Failure]\n  mon2\t: clear[Failure]\n"},
+        {"negative-monnum", {"--clear", "-k", "cat"}, "MRW_CLEAR 127.0.0.1 : Success \n"},
+        {"short-body:3", {"--script", "run.sh"}, "EXEC_SCRIPT 127.0.0.1 : Failed.\n"},
+        {"lie-inner", {"--notice", "mon1"}, "MRW_NOTICE 127.0.0.1 : Failed.\n"},
+        {"unterminated", {"--clear", "mon1"},
+         "MRW_CLEAR 127.0.0.1 : Success \n  " + std::string(32, 'U') + "\t: clear[Failure]\n"},
+    };
+    for (const Row &row : rows) {
+        rehearsal::Options options = peer_options();
+        options.faults = {{"127.0.0.1", row.fault}};
+        Server peer(std::move(options));
+        peer.start();
+        const Finished finished = run(command(peer, row.words));
+        EXPECT_EQ(finished.output, row.output) << row.fault;
+        EXPECT_EQ(finished.exit, 0) << row.fault;
+    }
+}
+
+// What an operator's shell may do to standard output: the request completes all the same.
+TEST(Command, StandardOutputMayBeClosedOrItsReaderGone) {
+    for (const Stdout to : {Stdout::closed, Stdout::reader_gone, Stdout::all_closed}) {
+        Server peer(peer_options());
+        peer.start();
+        const Finished finished = run(command(peer, {"--notice", "mon1"}), to);
+        EXPECT_EQ(finished.exit, 0);
+        std::vector<std::int32_t> codes;
+        for (const rehearsal::Exchange &exchange : peer.exchanges()) {
+            codes.push_back(exchange.code);
+            EXPECT_EQ(exchange.problem, "") << "nothing but packets went into the socket";
+        }
+        EXPECT_EQ(codes, (std::vector<std::int32_t>{36, 34, 28}));
+    }
+}
+
+TEST(Command, UserLogFileThatCannotBeWrittenHoldsNothingUp) {
+    const Folder folder;
+    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    Server peer(peer_options());
+    peer.start();
+    for (const std::string &path : {std::string("/nonexistent/log"), std::string("/dev/full"), std::string("/dev/null"),
+                                    folder.path, folder / "fifo"}) {
+        const Finished finished = run(command(peer, {"--failover", "grp1", "-o", path}));
+        EXPECT_EQ(finished.output, "GRP_FAILOVER 127.0.0.1 : Success \n") << path;
+        EXPECT_EQ(finished.exit, 0) << path;
+    }
+}
+
+TEST(Command, UserLogFileHoldsTheRun) {
+    const Folder folder;
+    std::ofstream(folder / "log") << "what stood here before\n";
+    Server peer(peer_options());
+    peer.start();
+    run(command(peer, {"--failover", "grp1", "-w", "3", "-o", folder / "log"}));
+    const std::string log = read_file(folder / "log");
+    EXPECT_EQ(log.find("what stood here before"), std::string::npos);
+    for (const char *text :
+         {"  $Revision: 1 $ $Date: 18/03/07 15:48 $\n", "  CmdTO is already inputed, but smaller.(3)\n",
+          "  rexeccl_multi_execparam(zynexecgrpfo_ex) start...\n", "  rexeccl_multi_execparam(ret=0) \n",
+          "  sv0=127.0.0.1 status=0\n", "  pthread_join(tid[0]) success. (ret=0,thret=0).\n", "  Not TO(0)\n",
+          "  timeout=4)"})
+        EXPECT_EQ(log.find(text) != std::string::npos, text != std::string("  timeout=4)")) << text;
+    EXPECT_NE(log.find("limiter=1, restimeout=4\n"), std::string::npos);
+}
+
+TEST(Command, OptionErrorsPrintTheUsageAndSendNothing) {
+    const Finished help = run({ZYN_COMMAND, "--help"});
+    EXPECT_EQ(help.exit, 0);
+    EXPECT_TRUE(help.output.starts_with("\nUsage: Group Failover\n        zynrexec --failover {<grpname>|-r"));
+    EXPECT_TRUE(help.output.ends_with("[-o <logfile_path>]\n\n"));
+    Server peer(peer_options());
+    peer.start();
+    const Finished wrong = run(command(peer, {"--failover", "g", "--script", "s"}));
+    EXPECT_EQ(wrong.exit, 1);
+    EXPECT_EQ(wrong.output, "Invalid option.\n" + help.output);
+    EXPECT_EQ(peer.recorder().accepted(), 0U);
+}
+
+// Sockets with numbers above what a select set holds.
+TEST(Command, DescriptorsAbove1023Work) {
+    rlimit limit = {};
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
+    limit.rlim_cur = limit.rlim_max;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    if (limit.rlim_cur < 1200)
+        GTEST_SKIP() << "this machine allows no 1200 descriptors";
+    Server peer(peer_options());
+    peer.start();
+    std::vector<int> inherited;
+    while (inherited.empty() || inherited.back() < 1100)
+        inherited.push_back(dup(STDERR_FILENO));
+    const Folder folder;
+    const Finished finished = run(command(peer, {"--failover", "grp1", "-o", folder / "log"}));
+    for (const int fd : inherited)
+        close(fd);
+    EXPECT_EQ(finished.output, "GRP_FAILOVER 127.0.0.1 : Success \n");
+    const std::string log = read_file(folder / "log");
+    const std::size_t at = log.find("IPv4 (sock=");
+    ASSERT_NE(at, std::string::npos);
+    EXPECT_GT(std::stoi(log.substr(at + 11)), 1023);
+}
+
+TEST(Command, NameIsResolvedAfterItFailedAsAnAddress) {
+    Server peer(peer_options());
+    peer.start();
+    const Finished finished = run(command(peer, {"--failover", "grp1", "-h", "localhost"}));
+    EXPECT_EQ(finished.output, "GRP_FAILOVER localhost : Success \n");
+}
+
+TEST(Command, InterruptEndsItAtOnce) {
+    rehearsal::Options options = peer_options();
+    options.faults = {{"127.0.0.1", "silent"}};
+    Server peer(std::move(options));
+    peer.start();
+    Program program(command(peer, {"--failover", "grp1", "-w", "60"}));
+    ASSERT_TRUE(peer.wait_for([](const auto &exchanges) { return exchanges.size() >= 2; }, 20s));
+    kill(program.pid(), SIGINT);
+    const Finished finished = program.finish();
+    EXPECT_EQ(finished.exit, -1);
+    EXPECT_LT(finished.took, 30s);
+}
+
+struct ShortageRow {
+    const char *fail;   // calls that fail, by their number: see support/shortage.cpp
+    const char *output; // sorted
+    int exit;
+};
+
+// The command linked with calls that fail on demand: the other targets are not harmed, and each
+// target keeps a line of its own.
+TEST(Command, ShortagesOfTheHost) {
+    rehearsal::Options options = peer_options();
+    options.addresses = {"127.0.0.1", "127.0.0.2"};
+    Server peer(std::move(options));
+    peer.start();
+    const std::string internal = "Internal error. Check if memory or OS resource is sufficient.\n";
+    const std::string both = "Connect 127.0.0.1: Failed \nConnect 127.0.0.2: Failed \n";
+    const std::string first = "Connect 127.0.0.1: Failed \nGRP_FAILOVER 127.0.0.2 : Success \n";
+    const std::vector<std::pair<std::string, std::pair<std::string, int>>> rows = {
+        {"calloc:1", {internal, 99}}, // the request record
+        {"calloc:2", {internal, 99}}, // the thread table
+        {"calloc:4", {internal, 99}}, // a worker's record
+        {"pthread_create:1", {first, 0}},
+        {"pthread_create:all", {both, 0}},
+    };
+    for (const auto &[fail, wanted] : rows) {
+        setenv("ZYN_TEST_FAIL", fail.c_str(), 1);
+        std::vector<std::string> words = command(peer, {"--failover", "grp1", "-h", "127.0.0.1,127.0.0.2"});
+        words[0] = ZYN_SHORTAGE;
+        const Finished finished = run(words);
+        EXPECT_EQ(sorted_lines(finished.output), split_lines(wanted.first)) << fail;
+        EXPECT_EQ(finished.exit, wanted.second) << fail;
+    }
+    unsetenv("ZYN_TEST_FAIL");
+}
+
+// Any later thread or allocation that fails: whatever the outcome, both targets are told of.
+TEST(Command, EveryThreadAndAllocationMayFail) {
+    rehearsal::Options options = peer_options();
+    options.addresses = {"127.0.0.1", "127.0.0.2"};
+    Server peer(std::move(options));
+    peer.start();
+    for (const char *call : {"pthread_create", "calloc"})
+        for (int number = 2; number <= 24; ++number) {
+            if (call == std::string("calloc") && number < 6)
+                continue; // the tables of the run
+            setenv("ZYN_TEST_FAIL", (std::string(call) + ":" + std::to_string(number)).c_str(), 1);
+            std::vector<std::string> words = command(peer, {"--notice", "-k", "cat", "-h", "127.0.0.1,127.0.0.2"});
+            words[0] = ZYN_SHORTAGE;
+            const Finished finished = run(words);
+            EXPECT_EQ(finished.exit, 0);
+            for (const char *address : {" 127.0.0.1", " 127.0.0.2"})
+                EXPECT_NE(finished.output.find(address), std::string::npos)
+                    << call << " " << number << ":\n" << finished.output;
+        }
+    unsetenv("ZYN_TEST_FAIL");
+}
+
+TEST(Command, ThirtyTwoServersAtOnce) {
+    rehearsal::Options options = peer_options();
+    options.addresses.clear();
+    std::string list;
+    std::vector<std::string> wanted;
+    for (int i = 1; i <= 32; ++i) {
+        options.addresses.push_back("127.0.1." + std::to_string(i));
+        list += (i == 1 ? "" : ",") + options.addresses.back();
+        wanted.push_back("MRW_NOTICE " + options.addresses.back() + " : Success ");
+        wanted.push_back("  mon1\t: preaction script[Executed(exitcode=0)], Failover[Success]");
+    }
+    Server peer(std::move(options));
+    peer.start();
+    // Each server's lines stay together, whatever their order.
+    const Finished finished = run(command(peer, {"--notice", "mon1", "-h", list}));
+    const std::vector<std::string> lines = split_lines(finished.output);
+    ASSERT_EQ(lines.size(), 64U);
+    for (std::size_t i = 0; i < lines.size(); i += 2) {
+        EXPECT_TRUE(lines[i].starts_with("MRW_NOTICE 127.0.1.")) << lines[i];
+        EXPECT_TRUE(lines[i + 1].starts_with("  mon1\t: ")) << lines[i + 1];
+    }
+}
+
+} // namespace
