@@ -1,5 +1,5 @@
 // The transfer client against real peers: what each misbehaviour becomes, and that nothing is left.
-#include "rehearsal_peer.h"
+#include "support/rehearsal_peer.h"
 #include "rexeccl.h"
 #include "rexeccl/connect.h"
 #include "rexeccl/exchange.h"
@@ -128,8 +128,9 @@ TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
         EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), row.ret) << row.fault;
         EXPECT_EQ(nodes->nstatus, row.nstatus) << row.fault;
         EXPECT_EQ(handle != nullptr, row.ret == 0) << row.fault;
-        if (handle != nullptr)
+        if (handle != nullptr) {
             EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
+        }
     }
     // All of them in one list: those that answered are connected, and only they.
     const Nodes nodes = make_nodes(all);
@@ -147,7 +148,8 @@ TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
     EXPECT_EQ(handle->next->next, nullptr);
     EXPECT_EQ(rexeccl_disconnect_ex(handle, make_nodes({"127.0.0.1"}).get()), 1) << "fewer nodes than connections";
     EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
-    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors + peer_descriptors(peer));
+    EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
+    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
     EXPECT_EQ(count_entries("/proc/self/task"), threads);
 }
 
@@ -160,7 +162,7 @@ struct RequestRow {
 
 const std::vector<RequestRow> request_rows = {
     {"127.0.0.1", "", 0, 264},
-    {"127.0.0.2", "silent", 8, 0},
+    {"127.0.0.2", "silent-request", 8, 0},
     {"127.0.0.3", "close-before", 7, 0},
     {"127.0.0.4", "close-header", 7, 0},
     {"127.0.0.5", "close-after-header", 7, 0},
@@ -208,7 +210,8 @@ TEST_F(Client, EachConnectionTellsItsOwnOutcomeOfTheRequest) {
         at = at->next;
     }
     rexeccl_disconnect_ex(handle, nodes.get());
-    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors + peer_descriptors(peer));
+    EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
+    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
     EXPECT_EQ(count_entries("/proc/self/task"), threads);
 }
 
@@ -229,17 +232,17 @@ TEST_F(Client, AnswerWithoutDataAndRequestWithoutPayload) {
     REXECCL_CONNECTION_INFO *handle = nullptr;
     ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
     const TraceCapture trace;
-    std::vector<char> payload;
+    std::vector<char> payload = script_payload();
     EXPECT_EQ(request(handle, payload), 0);
     EXPECT_EQ(handle->status, 0);
     EXPECT_EQ(handle->datainfo.execparam.out_size, 0U);
     EXPECT_EQ(handle->datainfo.execparam.out_data, nullptr);
     EXPECT_EQ(trace.count("E no data. (host=127.0.0.1 size=0/0)"), 1);
+    payload.clear();
+    request(handle, payload);
+    ASSERT_TRUE(peer.wait_for([](const auto &exchanges) { return exchanges.size() >= 3; }, 10s));
+    EXPECT_EQ(peer.exchanges()[2].request_bytes.size(), 116U);
     rexeccl_disconnect_ex(handle, nodes.get());
-    bool seen = false;
-    for (const rehearsal::Exchange &exchange : peer.exchanges())
-        seen = seen || (exchange.code == 34 && exchange.request_bytes.size() == 116);
-    EXPECT_TRUE(seen);
 }
 
 // A node reached by its second address or, with name resolution on, by its name.
@@ -278,8 +281,9 @@ TEST_F(Client, AddressesAreTriedInOrderAndTheNameLast) {
         for (const std::string &line : trace.lines())
             attempts += line.starts_with("I connect->") ? 1 : 0;
         EXPECT_EQ(attempts, row.attempts);
-        if (sock != -1)
+        if (sock != -1) {
             EXPECT_EQ(rexeccl_close_socket(sock), 0);
+        }
     }
 }
 
