@@ -1,11 +1,11 @@
 // The transfer client against real peers: what each misbehaviour becomes, and that nothing is left.
-#include "support/rehearsal_peer.h"
 #include "rexeccl.h"
 #include "rexeccl/connect.h"
 #include "rexeccl/exchange.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/socket.h"
 #include "support/capture.h"
+#include "support/rehearsal_peer.h"
 
 #include <gtest/gtest.h>
 
@@ -146,7 +146,8 @@ TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
     ASSERT_NE(handle->next, nullptr);
     EXPECT_STREQ(handle->next->connstr, "127.0.0.11");
     EXPECT_EQ(handle->next->next, nullptr);
-    EXPECT_EQ(rexeccl_disconnect_ex(handle, make_nodes({"127.0.0.1"}).get()), 1) << "fewer nodes than connections";
+    EXPECT_EQ(rexeccl_disconnect_ex(handle, make_nodes({"127.0.0.1"}).get()), 1)
+        << "fewer nodes than connections";
     EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
     EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
     EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
@@ -274,7 +275,8 @@ TEST_F(Client, AddressesAreTriedInOrderAndTheNameLast) {
         _rexeccl_policy.usedns = row.usedns;
         std::int32_t sock = 0;
         char address[256];
-        EXPECT_EQ(rexeccl_make_connection(&node, peer.port(), &sock, address, sizeof(address)), row.ret) << row.host;
+        EXPECT_EQ(rexeccl_make_connection(&node, peer.port(), &sock, address, sizeof(address)), row.ret)
+            << row.host;
         EXPECT_STREQ(address, row.connected);
         EXPECT_EQ(sock != -1, row.connected[0] != '\0');
         int attempts = 0;

@@ -1,13 +1,13 @@
 // The real command, run as a user runs it.
-#include "support/rehearsal_peer.h"
 #include "support/capture.h"
+#include "support/rehearsal_peer.h"
 #include "support/run.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <csignal>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
@@ -118,12 +118,14 @@ TEST(Command, ShortAndLyingAnswersGiveNoDetail) {
         std::string output;
     };
     const std::vector<Row> rows = {
-        {"lie-monnum:1000", {"--clear", "-k", "cat"},
+        {"lie-monnum:1000",
+         {"--clear", "-k", "cat"},
          "MRW_CLEAR 127.0.0.1 : Success \n  mon1\t: clear[Failure]\n  mon2\t: clear[Failure]\n"},
         {"negative-monnum", {"--clear", "-k", "cat"}, "MRW_CLEAR 127.0.0.1 : Success \n"},
         {"short-body:3", {"--script", "run.sh"}, "EXEC_SCRIPT 127.0.0.1 : Failed.\n"},
         {"lie-inner", {"--notice", "mon1"}, "MRW_NOTICE 127.0.0.1 : Failed.\n"},
-        {"unterminated", {"--clear", "mon1"},
+        {"unterminated",
+         {"--clear", "mon1"},
          "MRW_CLEAR 127.0.0.1 : Success \n  " + std::string(32, 'N') + "\t: clear[Failure]\n"},
     };
     for (const Row &row : rows) {
@@ -158,8 +160,8 @@ TEST(Command, UserLogFileThatCannotBeWrittenHoldsNothingUp) {
     ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
     Server peer(peer_options());
     peer.start();
-    for (const std::string &path : {std::string("/nonexistent/log"), std::string("/dev/full"), std::string("/dev/null"),
-                                    folder.path, folder / "fifo"}) {
+    for (const std::string &path : {std::string("/nonexistent/log"), std::string("/dev/full"),
+                                    std::string("/dev/null"), folder.path, folder / "fifo"}) {
         const Finished finished = run(command(peer, {"--failover", "grp1", "-o", path}));
         EXPECT_EQ(finished.output, "GRP_FAILOVER 127.0.0.1 : Success \n") << path;
         EXPECT_EQ(finished.exit, 0) << path;
@@ -186,7 +188,8 @@ TEST(Command, UserLogFileHoldsTheRun) {
 TEST(Command, OptionErrorsPrintTheUsageAndSendNothing) {
     const Finished help = run({ZYN_COMMAND, "--help"});
     EXPECT_EQ(help.exit, 0);
-    EXPECT_TRUE(help.output.starts_with("\nUsage: Group Failover\n        zynrexec --failover {<grpname>|-r"));
+    EXPECT_TRUE(
+        help.output.starts_with("\nUsage: Group Failover\n        zynrexec --failover {<grpname>|-r"));
     EXPECT_TRUE(help.output.ends_with("[-o <logfile_path>]\n\n"));
     Server peer(peer_options());
     peer.start();
@@ -256,8 +259,7 @@ TEST(Command, ShortagesOfTheHost) {
         {"calloc:1", {internal, 99}}, // the request record
         {"calloc:2", {internal, 99}}, // the thread table
         {"calloc:4", {internal, 99}}, // a worker's record
-        {"pthread_create:1", {first, 0}},
-        {"pthread_create:all", {both, 0}},
+        {"pthread_create:1", {first, 0}}, {"pthread_create:all", {both, 0}},
     };
     for (const auto &[fail, wanted] : rows) {
         setenv("ZYN_TEST_FAIL", fail.c_str(), 1);

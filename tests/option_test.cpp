@@ -168,9 +168,11 @@ TEST(Option, TraceNamesWhatWasRead) {
     const TraceCapture trace;
     const Record info = make_record(32);
     ASSERT_EQ(parse("--notice -k cat.key -h 10.0.0.1 -o f", info.get()), 0);
-    const std::vector<std::string> wanted = {"T --notice : -",       "T -o : f",           "I logfile : f",
-                                             "I option  : zynexecnotice", "I mon_type  : cat", "I mon_target  : key",
-                                             "I port : 0",           "I wait : 0",         "I ipaddr[0]: 10.0.0.1"};
+    const std::vector<std::string> wanted = {"T --notice : -",       "T -o : f",
+                                             "I logfile : f",        "I option  : zynexecnotice",
+                                             "I mon_type  : cat",    "I mon_target  : key",
+                                             "I port : 0",           "I wait : 0",
+                                             "I ipaddr[0]: 10.0.0.1"};
     std::vector<std::string> seen;
     for (const std::string &line : trace.lines())
         if (line.find("<<<") == std::string::npos)

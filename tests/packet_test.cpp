@@ -17,8 +17,12 @@ struct Conversion {
 };
 
 const std::vector<Conversion> conversions = {
-    {-8, {56, 60, 64, 68, 72}, {"TRANS_REQ_HEAD b:ncode=", "TRANS_REQ_HEAD a:ncode=", "TRANS_REQ_HEAD a:size="}},
-    {-7, {56, 60, 64, 68, 72}, {"TRANS_RES_HEAD b:status=", "TRANS_RES_HEAD a:allsize=", "TRANS_RES_HEAD b:seq="}},
+    {-8,
+     {56, 60, 64, 68, 72},
+     {"TRANS_REQ_HEAD b:ncode=", "TRANS_REQ_HEAD a:ncode=", "TRANS_REQ_HEAD a:size="}},
+    {-7,
+     {56, 60, 64, 68, 72},
+     {"TRANS_RES_HEAD b:status=", "TRANS_RES_HEAD a:allsize=", "TRANS_RES_HEAD b:seq="}},
     {-5, {0}, {"TRANS_RES_LAN_NODEINFO b:npriority="}},
     {-3, {256, 260}, {"TRANS_RES_NODEINFO b:npriority=", "TRANS_RES_NODEINFO a:nsize="}},
     {-1, {0}, {"TRANS_RES_INFO_NODE b:nnodenum="}},
@@ -56,15 +60,16 @@ TEST(Packet, ByteOrderOfEveryDispatchCode) {
         const std::vector<std::string> lines = trace.lines();
         if (code < -8 || code > 37) {
             char unknown[64];
-            std::snprintf(unknown, sizeof(unknown), "E unknown dispatch. (dispatch=%#x)", static_cast<unsigned>(code));
+            std::snprintf(unknown, sizeof(unknown), "E unknown dispatch. (dispatch=%#x)",
+                          static_cast<unsigned>(code));
             EXPECT_EQ(lines, std::vector<std::string>{unknown});
             continue;
         }
         EXPECT_EQ(lines.size(), 2 * wanted->offsets.size()) << code;
         for (const std::string &text : wanted->traced)
-            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(),
-                                    [&](const std::string &line) { return line.starts_with("T " + text); }))
-                << text;
+            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string &line) {
+                return line.starts_with("T " + text);
+            })) << text;
     }
 }
 
@@ -75,8 +80,8 @@ TEST(Packet, RequestHeaderCarriesTheSettingsAndZeros) {
     TRANS_PACKET_HEADER_INFO header;
     std::memset(&header, 0xff, sizeof(header));
     rexeccl_make_packet_ex(&header, 34, 5, 6, 7, 8);
-    std::string wanted = std::string("l_trnsv\0", 8) + "4.2" + std::string(13, '\0') + "X" + std::string(15, '\0') +
-                         std::string(16, 'v');
+    std::string wanted = std::string("l_trnsv\0", 8) + "4.2" + std::string(13, '\0') + "X" +
+                         std::string(15, '\0') + std::string(16, 'v');
     for (const std::int32_t number : {34, 5, 6, 7, 8})
         wanted.append(reinterpret_cast<const char *>(&number), 4);
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(&header), sizeof(header)), wanted);
@@ -99,12 +104,21 @@ TEST(Packet, CheckOfAReceivedHeader) {
         {"w_trnsv", "9.9", 0, 0, {"I res from magicwd(w_trnsv)."}},
         {"trnsv", "2.0", 0, 0, {"W invalid version. (ver=2.0 res=37 seq=1)"}},
         {"trnsv", "0123456789abcdef", 0, 0, {"W invalid version. (ver=0123456789abcdef res=37 seq=1)"}},
-        {"l_trnsv", "1.0", 500001, 10,
+        {"l_trnsv",
+         "1.0",
+         500001,
+         10,
          {"I res from magicwd(l_trnsv).", "E invalid variable size. (size=500001 res=37 seq=1)"}},
         {"trnsv", "1.0", 0xffffffffU, 10, {"E invalid variable size. (size=-1 res=37 seq=1)"}},
-        {"trnsvx", "1.0", 0, 10,
+        {"trnsvx",
+         "1.0",
+         0,
+         10,
          {"I res from magicwd(trnsvx).", "E invalid magicwd. (magic=trnsvx res=37 seq=1)"}},
-        {"l_trnsvX", "1.0", 0, 10,
+        {"l_trnsvX",
+         "1.0",
+         0,
+         10,
          {"I res from magicwd(l_trnsvX).", "E invalid magicwd. (magic=l_trnsvX res=37 seq=1)"}},
         {"", "1.0", 0, 10, {"I res from magicwd().", "E invalid magicwd. (magic= res=37 seq=1)"}},
     };

@@ -42,12 +42,13 @@ TEST(Report, ResultLineOfEveryStatus) {
         {1, false, "I execparam success.(10.0.0.1)", "Success \n", 0},
         {2, false, "E RequestID not exist.(10.0.0.1)", "Invalid option. \n", 1},
         {22, true, "E grp is not active(10.0.0.1).", "Group(tgt) is offline. \n", 22},
-        {22, false, "E grp is not active(10.0.0.1).", "Group that specified resource(tgt) belongs to is offline. \n",
-         22},
+        {22, false, "E grp is not active(10.0.0.1).",
+         "Group that specified resource(tgt) belongs to is offline. \n", 22},
         {24, true, "E Specified rsc is not exist.", "Specified resource(tgt) does not exist. \n", 22},
         {24, false, "E Specified rsc is not exist.",
          "Specified resource(Category:tgt, Keyword:kw) does not exist. \n", 22},
-        {25, false, "E Specified Script not exist.(10.0.0.1)", "Specified script(run.sh) does not exist. \n", 22},
+        {25, false, "E Specified Script not exist.(10.0.0.1)", "Specified script(run.sh) does not exist. \n",
+         22},
         {26, false, "E Specified script is not executable.(10.0.0.1)",
          "Specified script(run.sh) is not executable. \n", 22},
         {28, false, "E No permition.(10.0.0.1)", "This server is not permitted to execute zynrexec. \n", 22},
@@ -78,12 +79,13 @@ TEST(Report, ResultOfSeveralConnections) {
     struct Row {
         int first, second, ret;
     };
-    for (const Row &row : {Row{9, 9, 12}, Row{9, 22, 22}, Row{9, 2, 22}, Row{2, 2, 1}, Row{22, 31, 22}, Row{0, 9, 0},
-                           Row{9, 0, 0}, Row{2, 0, 0}}) {
+    for (const Row &row : {Row{9, 9, 12}, Row{9, 22, 22}, Row{9, 2, 22}, Row{2, 2, 1}, Row{22, 31, 22},
+                           Row{0, 9, 0}, Row{9, 0, 0}, Row{2, 0, 0}}) {
         const StdoutCapture out;
         REXECCL_CONNECTION_INFO second = connection(row.second);
         const REXECCL_CONNECTION_INFO first = connection(row.first, &second);
-        EXPECT_EQ(rexec_trnerrcmd(request("zynexecclear"), &first), row.ret) << row.first << " " << row.second;
+        EXPECT_EQ(rexec_trnerrcmd(request("zynexecclear"), &first), row.ret)
+            << row.first << " " << row.second;
     }
 }
 
@@ -91,9 +93,10 @@ TEST(Report, LabelsAndWords) {
     struct Row {
         const char *reqcode, *label, *word;
     };
-    for (const Row &row : {Row{"zynexecgrpfo_ex", "GRP_FAILOVER", "Failover"}, Row{"zynexecscript_ex", "EXEC_SCRIPT", "Script"},
-                           Row{"zynexecnotice", "MRW_NOTICE", "Notice"}, Row{"zynexecclear", "MRW_CLEAR", "Clear"},
-                           Row{"ZYNEXECCLEAR", "??", "??"}}) {
+    for (const Row &row :
+         {Row{"zynexecgrpfo_ex", "GRP_FAILOVER", "Failover"},
+          Row{"zynexecscript_ex", "EXEC_SCRIPT", "Script"}, Row{"zynexecnotice", "MRW_NOTICE", "Notice"},
+          Row{"zynexecclear", "MRW_CLEAR", "Clear"}, Row{"ZYNEXECCLEAR", "??", "??"}}) {
         const TraceCapture trace;
         EXPECT_STREQ(rexec_mkstr(row.reqcode), row.label);
         EXPECT_STREQ(rexec_mkstr_ex(row.reqcode), row.word);
@@ -120,12 +123,21 @@ TEST(Report, LineOfANoticedMonitor) {
         {7, 99, 0, 2, 2, "preaction script[Not Executed(Recovery Action Disabled)], Stop group[Unknown]"},
         {0, 1, 0, 2, 3, "preaction script[Unknown], Stop the cluster[Success]"},
     };
-    const std::vector<std::pair<int, const char *>> actions = {
-        {0, "Unknown action"},     {4, "Stop the system"},   {5, "Reboot the system"},
-        {6, "Unknown action"},     {7, "Unknown action"},    {8, "Panic by sysrq"},
-        {9, "Reset by keepalive driver"}, {10, "Panic by keepalive driver"}, {11, "Reset by BMC"},
-        {12, "Power down by BMC"}, {13, "Power cycle by BMC"}, {14, "NMI sent by BMC"},
-        {15, "I/O Fencing"},       {16, "Stop resource"},    {17, "Unknown action"}};
+    const std::vector<std::pair<int, const char *>> actions = {{0, "Unknown action"},
+                                                               {4, "Stop the system"},
+                                                               {5, "Reboot the system"},
+                                                               {6, "Unknown action"},
+                                                               {7, "Unknown action"},
+                                                               {8, "Panic by sysrq"},
+                                                               {9, "Reset by keepalive driver"},
+                                                               {10, "Panic by keepalive driver"},
+                                                               {11, "Reset by BMC"},
+                                                               {12, "Power down by BMC"},
+                                                               {13, "Power cycle by BMC"},
+                                                               {14, "NMI sent by BMC"},
+                                                               {15, "I/O Fencing"},
+                                                               {16, "Stop resource"},
+                                                               {17, "Unknown action"}};
     const std::size_t size = 264 + 312;
     const std::unique_ptr<void, decltype(&std::free)> bytes(std::calloc(1, size), std::free);
     auto *answer = static_cast<ZYNEXEC_EXNOTICE_OUT_PARAM *>(bytes.get());

@@ -23,13 +23,27 @@ int record(const std::string &call) {
 
 } // namespace
 
-int xmllib_load_policy(const char *type) { return record(std::string("load ") + type); }
-int xmllib_unload_policy(const char *type) { return record(std::string("unload ") + type); }
-int xmllib_load_config() { return record("load config"); }
-int xmllib_unload_config() { return record("unload config"); }
-int xmllib_load_pathconfig(const char *path, void **) { return record(std::string("load ") + path); }
-int xmllib_unload_pathconfig(void *) { return record("unload path"); }
-clock_t xmllib_times() { return 1; }
+int xmllib_load_policy(const char *type) {
+    return record(std::string("load ") + type);
+}
+int xmllib_unload_policy(const char *type) {
+    return record(std::string("unload ") + type);
+}
+int xmllib_load_config() {
+    return record("load config");
+}
+int xmllib_unload_config() {
+    return record("unload config");
+}
+int xmllib_load_pathconfig(const char *path, void **) {
+    return record(std::string("load ") + path);
+}
+int xmllib_unload_pathconfig(void *) {
+    return record("unload path");
+}
+clock_t xmllib_times() {
+    return 1;
+}
 int xmllib_get_value(const char *path, int type, void *buffer, int *size) {
     const auto found = values.find(path);
     if (found == values.end())
@@ -124,11 +138,20 @@ TEST(Settings, EachFailureAndItsFallback) {
     const std::vector<Row> rows = {
         {"", 0, port, 0, all_calls, "W xmllib_get_value() failed. (ret=0x4 key=/root/rexec/usedns size=4)"},
         {"", 7, {}, 0, all_calls, "I port:7, usedns:1"},
-        {"", 0, {}, 10, all_calls, "E xmllib_get_value() failed. (ret=0x4 key=/root/cluster/trns/port size=4)"},
+        {"",
+         0,
+         {},
+         10,
+         all_calls,
+         "E xmllib_get_value() failed. (ret=0x4 key=/root/cluster/trns/port size=4)"},
         {"load config", 0, port, 0, all_calls, "E rexeccl_xml_loadconfig() failed. (ret=10)"},
         {"unload config", 0, port, 0, all_calls, "E rexeccl_xml_unloadconfig() failed. (ret=10)"},
         {"load all", 7, {}, 10, {"load all"}, "E rexeccl_xml_loadpolicy() failed. (ret=10 type=all)"},
-        {"load rexec", 7, {}, 10, {"load all", "load trnsv", "load rexec", "unload all", "unload trnsv"},
+        {"load rexec",
+         7,
+         {},
+         10,
+         {"load all", "load trnsv", "load rexec", "unload all", "unload trnsv"},
          "E xmllib_load_policy() failed. (ret=0x4 type=rexec)"},
     };
     for (const Row &row : rows) {

@@ -20,18 +20,23 @@ int create_error = 0;
 
 } // namespace
 
-clock_t xmllib_times() { return clock_broken ? 0 : times(nullptr); }
+clock_t xmllib_times() {
+    return clock_broken ? 0 : times(nullptr);
+}
 
 extern "C" {
 int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *argument) {
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
+                          void *argument) {
     return create_error != 0 ? create_error : __real_pthread_create(thread, attr, body, argument);
 }
 }
 
 namespace {
 
-std::int32_t return_argument(void *argument) { return *static_cast<std::int32_t *>(argument); }
+std::int32_t return_argument(void *argument) {
+    return *static_cast<std::int32_t *>(argument);
+}
 
 std::int32_t hang(void *) {
     const CancelEnabled may_hang;
@@ -72,7 +77,8 @@ TEST_F(Thread, TimeLimitHoldsEvenWithABrokenClock) {
         const TraceCapture trace;
         const pthread_t tid = start(hang, nullptr);
         EXPECT_EQ(rexeccl_wait_thread(tid, 1), 9);
-        const std::regex text("E thread timeout\\. \\(tid=0x[0-9a-f]+ timeout=1 acttk=1[0-9]{2} clktk=100\\)");
+        const std::regex text(
+            "E thread timeout\\. \\(tid=0x[0-9a-f]+ timeout=1 acttk=1[0-9]{2} clktk=100\\)");
         bool told = false;
         for (const std::string &line : trace.lines())
             told = told || std::regex_match(line, text);

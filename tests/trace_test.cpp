@@ -11,8 +11,8 @@
 #include <regex>
 #include <thread>
 
-#include <sys/wait.h>
 #include <fcntl.h>
+#include <sys/wait.h>
 
 namespace {
 
@@ -32,8 +32,12 @@ std::int32_t log_write(void *, std::int32_t level, std::int32_t eid, const char 
                           std::to_string(line) + "|" + func + "|" + text);
     return 0;
 }
-std::int32_t log_init(const char *, void **, std::int32_t, std::int32_t, const char *) { return 0; }
-std::int32_t log_term(void *) { return 0; }
+std::int32_t log_init(const char *, void **, std::int32_t, std::int32_t, const char *) {
+    return 0;
+}
+std::int32_t log_term(void *) {
+    return 0;
+}
 
 namespace {
 
@@ -47,7 +51,7 @@ TEST(Trace, LineOfTheUserLogFile) {
 
 TEST(Trace, LetterOfALevel) {
     const TraceCapture trace;
-    const std::vector<std::pair<int, char>> rows = {{-5, 'E'}, {0, 'E'}, {1, 'E'},  {2, 'W'},
+    const std::vector<std::pair<int, char>> rows = {{-5, 'E'}, {0, 'E'}, {1, 'E'}, {2, 'W'},
                                                     {3, 'I'},  {4, 'I'}, {8, 'T'}, {16, 'T'}};
     for (const auto &[level, letter] : rows)
         rexeccllog(level, "src/x", 1, "f", "m");

@@ -146,7 +146,8 @@ TEST(Wire, EveryPacketIsTheExampleOfTheDocument) {
 
 TEST(Wire, BusyCheckEndsBeforeTheRequest) {
     const std::map<std::string, std::string> packets = read_packets();
-    BytePeer peer(packets, {{"check-request", "busy-check-answer"}, {"terminate-request", "terminate-answer"}});
+    BytePeer peer(packets,
+                  {{"check-request", "busy-check-answer"}, {"terminate-request", "terminate-answer"}});
     const Finished finished = run({ZYN_COMMAND, "--failover", "grp1", "-p", peer.port()});
     EXPECT_EQ(finished.output, "Connect 127.0.0.1: Failed \n");
     EXPECT_EQ(finished.exit, 0);

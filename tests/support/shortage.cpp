@@ -35,7 +35,8 @@ void *__wrap_calloc(std::size_t count, std::size_t size) {
 }
 
 int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *), void *argument) {
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
+                          void *argument) {
     return fails("pthread_create", ++threads) ? EAGAIN : __real_pthread_create(thread, attr, body, argument);
 }
 }

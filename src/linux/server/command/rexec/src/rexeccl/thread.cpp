@@ -17,10 +17,13 @@
 #include "xmllib.h"
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
 
+#include <linux/futex.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 std::int32_t _rexeccl_clktck = 0;
@@ -32,16 +35,16 @@ namespace {
 constexpr std::int32_t default_clktck = 100;
 constexpr long nanoseconds = 1000000000L;
 
-// How one thread tells its waiter that it has ended. Freed by whoever joins.
+// How one thread tells its waiter that it has ended. Freed by whoever joins. The flag is a futex, since
+// a cancelled thread still has to set it: that takes no lock and is no cancellation point.
 struct End {
     pthread_t tid;
     std::int32_t (*body)(void *);
     void *argument;
-    pthread_mutex_t mutex;
-    pthread_cond_t told;
-    bool ended; // guarded by mutex
-    End *next;  // guarded by table_mutex
+    std::atomic<std::uint32_t> ended; // 0 or 1
+    End *next;                        // guarded by table_mutex
 };
+static_assert(sizeof(std::atomic<std::uint32_t>) == sizeof(std::uint32_t)); // as futex(2) takes it
 
 constexpr std::size_t bucket_count = 1024;
 pthread_mutex_t table_mutex = PTHREAD_MUTEX_INITIALIZER;
@@ -85,25 +88,24 @@ End *make_end(std::int32_t (*body)(void *), void *argument) {
         return nullptr;
     end->body = body;
     end->argument = argument;
-    pthread_mutex_init(&end->mutex, nullptr);
-    pthread_condattr_t monotonic;
-    pthread_condattr_init(&monotonic);
-    pthread_condattr_setclock(&monotonic, CLOCK_MONOTONIC);
-    pthread_cond_init(&end->told, &monotonic);
-    pthread_condattr_destroy(&monotonic);
     return end;
 }
 
-void free_end(End *end) {
-    pthread_cond_destroy(&end->told);
-    pthread_mutex_destroy(&end->mutex);
-    std::free(end);
+void tell_end(End *end) {
+    end->ended.store(1);
+    syscall(SYS_futex, &end->ended, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
-void tell_end(End *end) {
-    const MutexLock lock(end->mutex);
-    end->ended = true;
-    pthread_cond_signal(&end->told);
+bool has_ended(const End *end) {
+    return end->ended.load() != 0;
+}
+
+// Sleeps until the thread has told its end or the monotonic clock reaches `until`, null for no limit.
+void sleep_until(End *end, const struct timespec *until) {
+    long ret = 0;
+    while (!has_ended(end) && (ret == 0 || errno != ETIMEDOUT))
+        ret = syscall(SYS_futex, &end->ended, FUTEX_WAIT_BITSET_PRIVATE, 0, until, nullptr,
+                      FUTEX_BITSET_MATCH_ANY);
 }
 
 void *run_body(void *argument) {
@@ -129,21 +131,15 @@ struct timespec monotonic_after(std::int64_t ticks, std::int32_t per_second) {
     return until;
 }
 
-void sleep_until_told(End *end) {
-    while (!end->ended)
-        pthread_cond_wait(&end->told, &end->mutex);
-}
-
-// Sleeps for as long as is left of the limit, and again while the tick counter says that it is not
-// yet passed. Returns the ticks that have gone by: above the limit when the time is up.
-std::int64_t sleep_until_told_or_late(End *end, std::int64_t limit, std::int32_t per_second) {
+// Waits for as long as is left of the limit, and again while the tick counter says that it is not yet
+// passed. Returns the ticks that have gone by: above the limit when the time is up.
+std::int64_t wait_ticks(End *end, std::int64_t limit, std::int32_t per_second) {
     std::int64_t elapsed = 0;
     clock_t before = xmllib_times();
-    while (!end->ended && elapsed <= limit) {
+    while (!has_ended(end) && elapsed <= limit) {
         const std::int64_t nap = limit - elapsed + 1;
         const struct timespec until = monotonic_after(nap, per_second);
-        while (!end->ended && pthread_cond_timedwait(&end->told, &end->mutex, &until) == 0) {
-        }
+        sleep_until(end, &until);
         const clock_t now = xmllib_times();
         // A counter that cannot be read (0) must not make the wait endless or void: the nap itself counts.
         elapsed += before != 0 && now > before ? now - before : nap;
@@ -154,13 +150,11 @@ std::int64_t sleep_until_told_or_late(End *end, std::int64_t limit, std::int32_t
 
 // Returns whether the thread ended in time.
 bool wait_for_end(End *end, std::int32_t timeout_seconds, std::int32_t per_second, std::int64_t *elapsed) {
-    const CancelDisabled whole_wait;
-    const MutexLock lock(end->mutex);
     if (timeout_seconds == 0)
-        sleep_until_told(end);
+        sleep_until(end, nullptr);
     else
-        *elapsed = sleep_until_told_or_late(end, std::int64_t{timeout_seconds} * per_second, per_second);
-    return end->ended;
+        *elapsed = wait_ticks(end, std::int64_t{timeout_seconds} * per_second, per_second);
+    return has_ended(end);
 }
 
 std::int32_t set_attributes(pthread_attr_t *attr, int detachstate) {
@@ -211,8 +205,7 @@ std::int32_t rexeccl_create_thread(std::int32_t (*body)(void *), const pthread_a
         enter_table(end);
     } else {
         REXECCL_TRACE(1, "pthread_create() failed. (errno=%d)", error);
-        if (end != nullptr)
-            free_end(end);
+        std::free(end);
         *tid_out = 0;
         ret = REXECCL_RET_FAIL_UNKOWN;
     }
@@ -244,7 +237,6 @@ int rexeccl_join_thread(pthread_t tid, std::int32_t *ret) {
     if (error != 0)
         return error; // the record stays allocated: the thread may still tell its end
     *ret = static_cast<std::int32_t>(reinterpret_cast<std::intptr_t>(result));
-    if (end != nullptr)
-        free_end(end);
+    std::free(end);
     return 0;
 }
