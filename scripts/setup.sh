@@ -19,9 +19,11 @@ install_packages() {
     "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends "${missing[@]}"
 }
 
-# build_preset NAME [CMAKE OPTION...]: configures and builds build/NAME.
+# build_preset NAME [TARGET...]: configures build/NAME and builds the targets, or everything.
 build_preset() {
+    local preset=$1
+    shift
     install_packages "${build_packages[@]}"
-    cmake --preset "$1" "${@:2}" >/dev/null
-    cmake --build --preset "$1"
+    cmake --preset "$preset" >/dev/null
+    cmake --build --preset "$preset" ${1:+--target "$@"}
 }

@@ -14,6 +14,7 @@
 
 #include <arpa/inet.h>
 #include <netdb.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -113,6 +114,9 @@ Attempt try_address(REXECCL_CNTD_PARAM_INFO *param, const addrinfo &address) {
                       address.ai_family, address.ai_socktype, address.ai_protocol, errno);
         return unsupported ? Attempt::next : Attempt::stop;
     }
+    // A request goes out in pieces: the last one must not wait until the peer has acknowledged the others.
+    const int at_once = 1;
+    setsockopt(param->sock, IPPROTO_TCP, TCP_NODELAY, &at_once, sizeof(at_once));
     char text[INET6_ADDRSTRLEN] = {};
     if (!describe(address, param->sock, text)) {
         drop_socket(param);
