@@ -4,6 +4,7 @@
 #include "rexeccl/exchange.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/socket.h"
+#include "rexeccl/transfer.h"
 #include "support/capture.h"
 #include "support/rehearsal_peer.h"
 
@@ -30,6 +31,30 @@ int count_entries(const char *path) {
         ++count;
     closedir(dir);
     return count;
+}
+
+// What this process holds: nothing of a session may be left in it.
+struct Held {
+    void expect_again(const Server &peer) const {
+        EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
+        EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
+        EXPECT_EQ(count_entries("/proc/self/task"), threads);
+    }
+    int descriptors = count_entries("/proc/self/fd");
+    int threads = count_entries("/proc/self/task");
+};
+
+// A server at the address of each row, with the row's fault.
+template <typename Row>
+rehearsal::Options faulty_options(const std::vector<Row> &rows) {
+    rehearsal::Options options = peer_options();
+    options.addresses.clear();
+    for (const Row &row : rows) {
+        options.addresses.emplace_back(row.address);
+        if (row.fault[0] != '\0')
+            options.faults.emplace_back(row.address, row.fault);
+    }
+    return options;
 }
 
 struct Addresses {
@@ -109,19 +134,11 @@ const std::vector<CheckRow> check_rows = {
 };
 
 TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
-    rehearsal::Options options = peer_options();
-    std::vector<std::string> all;
-    options.addresses.clear();
-    for (const CheckRow &row : check_rows) {
-        all.push_back(row.address);
-        options.addresses.push_back(row.address);
-        if (row.fault[0] != '\0')
-            options.faults.emplace_back(row.address, row.fault);
-    }
+    rehearsal::Options options = faulty_options(check_rows);
+    const std::vector<std::string> all = options.addresses;
     Server peer(std::move(options));
     peer.start();
-    const int descriptors = count_entries("/proc/self/fd");
-    const int threads = count_entries("/proc/self/task");
+    const Held before;
     for (const CheckRow &row : check_rows) {
         const Nodes nodes = make_nodes({row.address});
         REXECCL_CONNECTION_INFO *handle = nullptr;
@@ -149,9 +166,7 @@ TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
     EXPECT_EQ(rexeccl_disconnect_ex(handle, make_nodes({"127.0.0.1"}).get()), 1)
         << "fewer nodes than connections";
     EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
-    EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
-    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
-    EXPECT_EQ(count_entries("/proc/self/task"), threads);
+    before.expect_again(peer);
 }
 
 struct RequestRow {
@@ -184,19 +199,11 @@ const std::vector<RequestRow> request_rows = {
 };
 
 TEST_F(Client, EachConnectionTellsItsOwnOutcomeOfTheRequest) {
-    rehearsal::Options options = peer_options();
-    std::vector<std::string> all;
-    options.addresses.clear();
-    for (const RequestRow &row : request_rows) {
-        all.push_back(row.address);
-        options.addresses.push_back(row.address);
-        if (row.fault[0] != '\0')
-            options.faults.emplace_back(row.address, row.fault);
-    }
+    rehearsal::Options options = faulty_options(request_rows);
+    const std::vector<std::string> all = options.addresses;
     Server peer(std::move(options));
     peer.start();
-    const int descriptors = count_entries("/proc/self/fd");
-    const int threads = count_entries("/proc/self/task");
+    const Held before;
     const Nodes nodes = make_nodes(all);
     REXECCL_CONNECTION_INFO *handle = nullptr;
     ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
@@ -211,9 +218,7 @@ TEST_F(Client, EachConnectionTellsItsOwnOutcomeOfTheRequest) {
         at = at->next;
     }
     rexeccl_disconnect_ex(handle, nodes.get());
-    EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
-    EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
-    EXPECT_EQ(count_entries("/proc/self/task"), threads);
+    before.expect_again(peer);
 }
 
 // Answers that no named fault gives, and what a request without a payload looks like.

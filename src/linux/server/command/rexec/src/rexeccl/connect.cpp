@@ -5,13 +5,13 @@
 // the hand-over records may lie on the caller's stack.
 #include "rexeccl/connect.h"
 
-#include "rexeccl/cancel.h"
-#include "rexeccl/exchange.h"
+#include "rexeccl/node.h"
 #include "rexeccl/packet.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/socket.h"
 #include "rexeccl/thread.h"
 #include "rexeccl/trace.h"
+#include "rexeccl/transfer.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -295,173 +295,7 @@ std::int32_t connect_all(REXECCL_NODE_INFO *nodes, std::int32_t port, REXECCL_CO
     return running != REXECCL_RET_SUCCESS && *handle_out != nullptr ? REXECCL_RET_FAIL_SERVER : running;
 }
 
-template <typename T>
-std::int32_t count_list(const T *list) {
-    std::int32_t count = 0;
-    for (; list != nullptr; list = list->next)
-        ++count;
-    return count;
-}
-
-bool bears_address(const REXECCL_NODE_INFO *node, const char *address) {
-    if (std::strcmp(node->szhost, address) == 0)
-        return true;
-    for (std::int32_t i = 0; i < node->nipnum; ++i)
-        if (node->plan[i].szip[0] != '\0' && std::strncmp(node->plan[i].szip, address, TRANS_IP_LEN) == 0)
-            return true;
-    return false;
-}
-
-REXECCL_NODE_INFO *find_node(REXECCL_NODE_INFO *nodes, const REXECCL_CONNECTION_INFO *connection) {
-    for (REXECCL_NODE_INFO *node = nodes; node != nullptr; node = node->next)
-        if (bears_address(node, connection->connstr))
-            return node;
-    REXECCL_TRACE(2, "unmatch node. (host=%s)", connection->cnhost);
-    return nullptr;
-}
-
-// Waits for the answer to the farewell; a server that does not answer is no failure of the request.
-void finish_farewell(REXECCL_CONNECTION_INFO *connection) {
-    const char *host = connection->cnhost;
-    const unsigned int tid = rexeccl_low32(connection->tdinfo.comm.tid);
-    const std::int32_t waited = rexeccl_wait_thread(connection->tdinfo.comm.tid, _rexeccl_policy.restimeout);
-    if (waited != REXECCL_RET_SUCCESS) {
-        REXECCL_TRACE(1, "timeout. (host=%s tid=%#x ret=%d timeout=%d)", host, tid, waited,
-                      _rexeccl_policy.restimeout);
-        pthread_cancel(connection->tdinfo.comm.tid);
-    }
-    std::int32_t ret = REXECCL_RET_SUCCESS;
-    if (const int error = rexeccl_finish_communication(connection, &ret); error != 0)
-        REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host, tid, error);
-    else if (waited == REXECCL_RET_SUCCESS && ret != REXECCL_RET_SUCCESS)
-        REXECCL_TRACE(1, "comm NG. (host=%s tid=%#x ret=%d)", host, tid, ret);
-}
-
-// Returns REXECCL_RET_FAIL_SERVER for a status that is a failure, otherwise 0.
-std::int32_t judge_farewell(const REXECCL_CONNECTION_INFO *connection, REXECCL_NODE_INFO *node) {
-    const TRANS_PACKET_INFO *response = connection->tdinfo.comm.pres;
-    if (response == nullptr)
-        return REXECCL_RET_SUCCESS;
-    const TRANS_PACKET_HEADER_INFO &header = response->hdinfo;
-    if (header.ncode != TRANS_RES_TERMINATE) {
-        REXECCL_TRACE(1, "invalid code. (host=%s res=%d)", connection->cnhost, header.ncode);
-        rexeccl_set_nodestat(node, TRANS_RES_STAT_FAIL_UNKOWN);
-        return REXECCL_RET_SUCCESS;
-    }
-    rexeccl_set_nodestat(node, header.status);
-    if (header.status == TRANS_RES_STAT_SUCCESS)
-        return REXECCL_RET_SUCCESS;
-    REXECCL_TRACE(1, "invalid status. (host=%s stat=%d)", connection->cnhost, header.status);
-    return REXECCL_RET_FAIL_SERVER;
-}
-
-std::int32_t say_farewell(REXECCL_CONNECTION_INFO *connection, REXECCL_NODE_INFO *node) {
-    REXECCL_COMM_THREAD_INFO &comm = connection->tdinfo.comm;
-    comm = {};
-    comm.preq = static_cast<TRANS_PACKET_INFO *>(std::calloc(1, sizeof(TRANS_PACKET_HEADER_INFO)));
-    if (comm.preq == nullptr) {
-        REXECCL_TRACE(1, "calloc() failed. (host=%s errno=%d)", connection->cnhost, errno);
-        rexeccl_set_nodestat(node, TRANS_RES_STAT_FAIL_MEMALLOC);
-        return REXECCL_RET_SUCCESS;
-    }
-    rexeccl_make_packet_ex(&comm.preq->hdinfo, TRANS_REQ_TERMINATE, 1, 0, 0, 0);
-    comm.reqsize = sizeof(TRANS_PACKET_HEADER_INFO);
-    const std::int32_t started = rexeccl_start_communication(connection);
-    if (started != REXECCL_RET_SUCCESS) {
-        REXECCL_TRACE(1, "rexeccl_create_thread() failed. (host=%s ret=%d)", connection->cnhost, started);
-        return REXECCL_RET_SUCCESS;
-    }
-    finish_farewell(connection);
-    return judge_farewell(connection, node);
-}
-
-void free_connection(REXECCL_CONNECTION_INFO *connection) {
-    pthread_mutex_destroy(&connection->tdinfo.procctlmutex);
-    rexeccl_close_socket(connection->sock);
-    rexeccl_free_packets(connection);
-    std::free(connection->nodeinfo.plan);
-    std::free(connection);
-}
-
-std::int32_t disconnect_all(REXECCL_CONNECTION_INFO *handle, REXECCL_NODE_INFO *nodes) {
-    std::int32_t ret = REXECCL_RET_SUCCESS;
-    while (handle != nullptr) {
-        REXECCL_CONNECTION_INFO *connection = handle;
-        handle = connection->next;
-        REXECCL_NODE_INFO *node = find_node(nodes, connection);
-        REXECCL_TRACE(4, "disconnect host->%s/%s", connection->cnhost, connection->connstr);
-        rexeccl_set_nodestat(node, TRANS_RES_STAT_SUCCESS);
-        if (const std::int32_t said = say_farewell(connection, node); said != REXECCL_RET_SUCCESS)
-            ret = said;
-        free_connection(connection);
-    }
-    return ret;
-}
-
-std::int32_t check_disconnect(const REXECCL_CONNECTION_INFO *handle, const REXECCL_NODE_INFO *nodes) {
-    if (_rexeccl_initflag != TRANS_FLAG_ON) {
-        REXECCL_TRACE(2, "not initialized. ()");
-        return REXECCL_RET_FAIL_NOTINITIALIZED;
-    }
-    if (handle == nullptr) {
-        REXECCL_TRACE(1, "invalid parameter. (hdl=%p)", static_cast<const void *>(handle));
-        return REXECCL_RET_FAIL_PARAMETER;
-    }
-    if (nodes == nullptr) {
-        REXECCL_TRACE(1, "invalid parameter. (node=%p)", static_cast<const void *>(nodes));
-        return REXECCL_RET_FAIL_PARAMETER;
-    }
-    const std::int32_t node_count = count_list(nodes);
-    const std::int32_t connection_count = count_list(handle);
-    if (node_count < connection_count) {
-        REXECCL_TRACE(1, "invalid node. (nodenum=%d connnum=%d)", node_count, connection_count);
-        return REXECCL_RET_FAIL_PARAMETER;
-    }
-    return REXECCL_RET_SUCCESS;
-}
-
-// One node and its one address as they lie in the caller's buffer.
-struct NodeSlot {
-    REXECCL_NODE_INFO node;
-    REXECCL_NODE_LAN_INFO lan;
-};
-
-void fill_slot(NodeSlot *slot, const char *address, REXECCL_NODE_INFO *next) {
-    *slot = {};
-    const std::size_t length = strnlen(address, TRANS_IP_LEN - 1);
-    std::memcpy(slot->node.szhost, address, length);
-    std::memcpy(slot->lan.szip, address, length);
-    slot->node.nipnum = 1;
-    slot->node.plan = &slot->lan;
-    slot->node.next = next;
-}
-
 } // namespace
-
-std::int32_t rexeccl_createnodelist(std::int32_t count, void *buffer, const char (*addresses)[TRANS_IP_LEN],
-                                    std::int32_t *size_out) {
-    REXECCL_TRACE(4, "start - (node=%p size=%p)", buffer, static_cast<void *>(size_out));
-    std::int32_t ret = REXECCL_RET_SUCCESS;
-    std::int32_t made = 0;
-    if (size_out == nullptr) {
-        REXECCL_TRACE(1, "invalid parameter. (size=%p)", static_cast<void *>(size_out));
-        ret = REXECCL_RET_FAIL_PARAMETER;
-    } else {
-        auto *slots = static_cast<NodeSlot *>(buffer);
-        for (; made < count && slots != nullptr; ++made)
-            fill_slot(&slots[made], addresses[made], made + 1 < count ? &slots[made + 1].node : nullptr);
-        *size_out = std::max(count, 0) * static_cast<std::int32_t>(sizeof(NodeSlot));
-    }
-    REXECCL_TRACE(4, "end - (ret=%d nodenum=%d size=%d)", ret, made, size_out != nullptr ? *size_out : 0);
-    return ret;
-}
-
-void rexeccl_set_nodestat(REXECCL_NODE_INFO *node, std::int32_t status) {
-    REXECCL_TRACE(16, "start - (node=%p stat=%d)", static_cast<void *>(node), status);
-    if (node != nullptr)
-        node->nstatus = status;
-    REXECCL_TRACE(16, "end - ()");
-}
 
 std::int32_t rexeccl_make_connection(const REXECCL_NODE_INFO *node, std::int32_t port, std::int32_t *sock_out,
                                      char *address_out, std::size_t length) {
@@ -481,15 +315,5 @@ std::int32_t rexeccl_connect_ex(REXECCL_NODE_INFO *nodes, std::int32_t port,
     const std::int32_t ret = connect_all(nodes, port, handle_out);
     REXECCL_TRACE(4, "end - (ret=%d conn_ft=%p)", ret,
                   handle_out != nullptr ? static_cast<void *>(*handle_out) : nullptr);
-    return ret;
-}
-
-std::int32_t rexeccl_disconnect_ex(REXECCL_CONNECTION_INFO *handle, REXECCL_NODE_INFO *nodes) {
-    const CancelDisabled whole_farewell;
-    REXECCL_TRACE(4, "start - (hdl=%p node=%p)", static_cast<void *>(handle), static_cast<void *>(nodes));
-    std::int32_t ret = check_disconnect(handle, nodes);
-    if (ret == REXECCL_RET_SUCCESS)
-        ret = disconnect_all(handle, nodes);
-    REXECCL_TRACE(4, "end - (ret=%d)", ret);
     return ret;
 }

@@ -12,6 +12,3 @@
 // node that did not answer gives 0 with *sock_out -1; the check of the connection then fails.
 std::int32_t rexeccl_make_connection(const REXECCL_NODE_INFO *node, std::int32_t port, std::int32_t *sock_out,
                                      char *address_out, std::size_t length);
-
-// Stores a status in a node; nothing for a null node.
-void rexeccl_set_nodestat(REXECCL_NODE_INFO *node, std::int32_t status);
