@@ -44,19 +44,6 @@ struct Held {
     int threads = count_entries("/proc/self/task");
 };
 
-// A server at the address of each row, with the row's fault.
-template <typename Row>
-rehearsal::Options faulty_options(const std::vector<Row> &rows) {
-    rehearsal::Options options = peer_options();
-    options.addresses.clear();
-    for (const Row &row : rows) {
-        options.addresses.emplace_back(row.address);
-        if (row.fault[0] != '\0')
-            options.faults.emplace_back(row.address, row.fault);
-    }
-    return options;
-}
-
 struct Addresses {
     explicit Addresses(const std::vector<std::string> &texts) : bytes(texts.size() * TRANS_IP_LEN) {
         for (std::size_t i = 0; i < texts.size(); ++i)
@@ -292,6 +279,37 @@ TEST_F(Client, AddressesAreTriedInOrderAndTheNameLast) {
             EXPECT_EQ(rexeccl_close_socket(sock), 0);
         }
     }
+}
+
+// A connect that hangs is given up at its time limit, tried again as configured, and leaves nothing.
+TEST_F(Client, ConnectThatHangsIsAbandoned) {
+    // A listener that accepts nothing drops what comes once its queue is full.
+    const int listener = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ASSERT_EQ(bind(listener, reinterpret_cast<sockaddr *>(&address), length), 0);
+    ASSERT_EQ(listen(listener, 0), 0);
+    getsockname(listener, reinterpret_cast<sockaddr *>(&address), &length);
+    std::vector<int> queued;
+    for (int i = 0; i < 4; ++i) {
+        queued.push_back(socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0));
+        (void)connect(queued.back(), reinterpret_cast<sockaddr *>(&address), length);
+    }
+    const Held before;
+    _rexeccl_policy.connretry = 1;
+    const TraceCapture trace;
+    const Nodes nodes = make_nodes({"127.0.0.1"});
+    REXECCL_CONNECTION_INFO *handle = nullptr;
+    EXPECT_EQ(rexeccl_connect_ex(nodes.get(), ntohs(address.sin_port), &handle), 4);
+    EXPECT_EQ(nodes->nstatus, 7);
+    EXPECT_EQ(trace.count("W connect retry over. (host=127.0.0.1 retry=1)"), 2) << "by address and by name";
+    EXPECT_EQ(count_entries("/proc/self/fd"), before.descriptors + 1) << "but for the trace";
+    EXPECT_EQ(count_entries("/proc/self/task"), before.threads);
+    for (const int sock : queued)
+        close(sock);
+    close(listener);
 }
 
 // A port that does not fit 16 bits must never become another port.

@@ -74,18 +74,13 @@ TEST(Command, EachServerGetsItsOwnLine) {
         {"127.0.0.15", "terminate-silent", "GRP_FAILOVER 127.0.0.15 : Success "},
         {"127.0.0.16", "check-silent", "Connect 127.0.0.16: Failed "},
     };
-    rehearsal::Options options = peer_options();
-    options.addresses.clear();
     std::string list;
     std::vector<std::string> wanted;
     for (const FaultRow &row : rows) {
-        options.addresses.emplace_back(row.address);
-        if (row.fault[0] != '\0')
-            options.faults.emplace_back(row.address, row.fault);
         list += (list.empty() ? "" : ",") + std::string(row.address);
         wanted.emplace_back(row.line);
     }
-    Server peer(std::move(options));
+    Server peer(faulty_options(rows));
     peer.start();
     std::sort(wanted.begin(), wanted.end());
     const Finished finished = run(command(peer, {"--failover", "grp1", "-w", "5", "-h", list}));

@@ -13,3 +13,16 @@ inline rehearsal::Options peer_options() {
     cluster.scripts.push_back({.name = "run.sh", .exitcode = 3});
     return {.cluster = std::move(cluster)};
 }
+
+// A server at the address of each row, with the fault of the row, "" for none.
+template <typename Row>
+rehearsal::Options faulty_options(const std::vector<Row> &rows) {
+    rehearsal::Options options = peer_options();
+    options.addresses.clear();
+    for (const Row &row : rows) {
+        options.addresses.emplace_back(row.address);
+        if (row.fault[0] != '\0')
+            options.faults.emplace_back(row.address, row.fault);
+    }
+    return options;
+}
