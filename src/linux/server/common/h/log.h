@@ -10,6 +10,7 @@ enum : std::int32_t {
     LOG_LEVEL_INFO = 4,
     LOG_LEVEL_TRACE = 8,
     LOG_LEVEL_DETAIL = 16,
+    LOG_LEVEL_FINE = 32,
     LOG_LEVEL_EVENT = 32768, // a catalogue message, never filtered by the level
 };
 

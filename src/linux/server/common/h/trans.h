@@ -8,7 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 
-// __trans_limit_len__: field widths in bytes.
+// Field widths in bytes.
 inline constexpr std::size_t TRANS_MAGICWD_LEN = 8;
 inline constexpr std::size_t TRANS_CMDLINE_LEN = 256;
 inline constexpr std::size_t TRANS_FILENAME_LEN = 255;
@@ -74,7 +74,7 @@ struct TRANS_RES_EXEC_PARAM_INFO {
 static_assert(sizeof(TRANS_RES_EXEC_PARAM_INFO) == 8);
 static_assert(offsetof(TRANS_RES_EXEC_PARAM_INFO, size) == 4);
 
-// __trans_reqres_codes__: each request code is followed by its response code, one higher.
+// Each request code is followed by its response code, one higher.
 enum : std::int32_t {
     TRANS_REQ_HEAD_W = -10,
     TRANS_RES_HEAD_W = -9,
@@ -132,7 +132,7 @@ enum : std::int32_t {
     TRANS_RES_PREPUT_ALLOW = 43,
 };
 
-// __trans_response_status__: 0 and 1 are success, every other value a failure. A value that is not
+// 0 and 1 are success, every other value a failure. A value that is not
 // listed is a failure too. The spelling of UNKOWN and COMUNICATION belongs to the protocol.
 enum : std::int32_t {
     TRANS_RES_STAT_SUCCESS = 0,
@@ -179,7 +179,7 @@ enum : std::int32_t {
     TRANS_RES_STAT_NORECOVERY = 99,
 };
 
-// __trans_flag_values__
+// Whether the client is initialised.
 enum : std::int32_t {
     TRANS_FLAG_ON = -1,
     TRANS_FLAG_OFF = 0,

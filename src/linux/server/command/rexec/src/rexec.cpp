@@ -9,7 +9,9 @@
 #include "rexeccl/trace.h"
 #include "xmllib.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <climits>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -17,6 +19,7 @@
 
 #include <fcntl.h>
 #include <sys/resource.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace {
@@ -259,8 +262,14 @@ void open_user_log() {
     if (fd == -1)
         return;
     _rexec_pusrlogfd = fdopen(fd, "w");
-    if (_rexec_pusrlogfd == nullptr)
+    if (_rexec_pusrlogfd == nullptr) {
         close(fd);
+        return;
+    }
+    // What is not a file takes each line whole at once or loses it: half a buffer would tear one.
+    struct stat status = {};
+    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
+        std::setvbuf(_rexec_pusrlogfd, nullptr, _IONBF, 0);
 }
 
 void close_user_log() {
@@ -275,7 +284,8 @@ REXEC_INFO *allocate_record(int maxsrvnum) {
     const std::size_t size = rexec_info_size(maxsrvnum);
     auto *info = static_cast<REXEC_INFO *>(std::calloc(1, size));
     if (info == nullptr)
-        REXEC_TRACE(1, "malloc(%d:prexecinfo) failed(err:%d).", static_cast<int>(size), errno);
+        REXEC_TRACE(1, "malloc(%d:prexecinfo) failed(err:%d).",
+                    static_cast<int>(std::min<std::size_t>(size, INT_MAX)), errno);
     else
         info->maxsrvnum = maxsrvnum;
     return info;
@@ -317,10 +327,11 @@ int run(int argc, char **argv) {
 } // namespace
 
 int main(int argc, char **argv) {
-    // A reader or a peer that goes away must not end the run.
-    std::signal(SIGPIPE, SIG_IGN);
-    fill_standard_descriptors();
     pthread_mutex_init(&mut_toflag, nullptr);
+    // Neither a reader or peer that goes away nor a limit on the size of files ends the run.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
+    fill_standard_descriptors();
     REXEC_ENTER();
     if (rexec_xml_init() != REXEC_SUCCESS) {
         REXEC_TRACE(4, "rexec_xml_init failed. execute standalone mode.");

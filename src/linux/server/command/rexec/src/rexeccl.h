@@ -13,7 +13,7 @@
 
 #include <pthread.h>
 
-// __rexeccl_ret_values__
+// Results of every entry point.
 enum : std::int32_t {
     REXECCL_RET_SUCCESS = 0,
     REXECCL_RET_FAIL_PARAMETER = 1,

@@ -337,10 +337,11 @@ void rexec_makestr_rexecclsvstat(int status, char *buffer) {
     REXEC_EXIT(0);
 }
 
-void rexec_print_connfail(const char *host) {
+void rexec_print_connfail(const REXECCL_NODE_INFO *nodes) {
     REXEC_ENTER();
     Output out;
-    out.print("Connect %s: Failed \n", host);
+    for (const REXECCL_NODE_INFO *node = nodes; node != nullptr; node = node->next)
+        out.print("Connect %s: Failed \n", node->szhost);
     REXEC_EXIT(0);
 }
 

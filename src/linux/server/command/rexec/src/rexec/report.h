@@ -17,8 +17,8 @@ const char *rexec_mkstr_ex(const char *reqcode);
 // Writes the short text of a status into `buffer` of 16 bytes at least.
 void rexec_makestr_rexecclsvstat(int status, char *buffer);
 
-// Says that no connection to `host` came about.
-void rexec_print_connfail(const char *host);
+// Says of each node of a list that no connection came about.
+void rexec_print_connfail(const REXECCL_NODE_INFO *nodes);
 
 // Report on the `nstatus` of each node after connecting. Returns 0, REXEC_FAIL_CONNECT when every node
 // failed, or REXEC_FAIL_BUSY when every node is busy.

@@ -12,6 +12,7 @@
 
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -23,32 +24,39 @@ namespace {
 constexpr int request_order = TRANS_CONV_BYTEORDER_REQ | TRANS_CONV_BYTEORDER_NETWIRK;
 constexpr int response_order = TRANS_CONV_BYTEORDER_RES | TRANS_CONV_BYTEORDER_NETWIRK;
 
-void fill_grpfo(const REXEC_INFO *info, REXEC_PAYLOAD *payload) {
+void fill_grpfo(const REXEC_INFO *info, const REXECCL_EXEC_PARAM_INFO *param) {
+    auto *payload = static_cast<REXEC_PAYLOAD *>(param->in_data);
     rexec_fill_grpfo(info, &payload->grpfo);
     rexec_conv_byteorder_grpfo(request_order, &payload->grpfo, sizeof(payload->grpfo));
 }
 
-void fill_exscript(const REXEC_INFO *info, REXEC_PAYLOAD *payload) {
+void fill_exscript(const REXEC_INFO *info, const REXECCL_EXEC_PARAM_INFO *param) {
+    auto *payload = static_cast<REXEC_PAYLOAD *>(param->in_data);
     rexec_fill_exscript(info, &payload->exscript);
     rexec_conv_byteorder_exscript(request_order, &payload->exscript, sizeof(payload->exscript));
 }
 
-void fill_notice(const REXEC_INFO *info, REXEC_PAYLOAD *payload) {
+void fill_notice(const REXEC_INFO *info, const REXECCL_EXEC_PARAM_INFO *param) {
+    auto *payload = static_cast<REXEC_PAYLOAD *>(param->in_data);
     rexec_fill_notice(info, &payload->notice);
+    REXEC_TRACE(8, "in_size=%d, id=\"%s\", limiter=%d, restimeout=%d", static_cast<int>(param->in_size),
+                param->id, param->limiter, param->restimeout);
     rexec_conv_byteorder_notice(request_order, &payload->notice, sizeof(payload->notice));
 }
 
-void fill_clear(const REXEC_INFO *info, REXEC_PAYLOAD *payload) {
+void fill_clear(const REXEC_INFO *info, const REXECCL_EXEC_PARAM_INFO *param) {
+    auto *payload = static_cast<REXEC_PAYLOAD *>(param->in_data);
     rexec_fill_clear(info, &payload->notice);
     rexec_conv_byteorder_notice(request_order, &payload->notice, sizeof(payload->notice));
 }
 
-void read_exscript(REXECCL_EXEC_PARAM_INFO *param) {
+void read_exscript(const REXECCL_EXEC_PARAM_INFO *param) {
     rexec_conv_byteorder_exscript(response_order, param->out_data, sizeof(ZYNEXECSCRIPT_EX_OUT_PARAM));
 }
 
-void read_notice(REXECCL_EXEC_PARAM_INFO *param) {
-    rexec_bound_monnum(static_cast<ZYNEXEC_EXNOTICE_OUT_PARAM *>(param->out_data), param->out_size);
+void read_notice(const REXECCL_EXEC_PARAM_INFO *param) {
+    if (param->out_data != nullptr)
+        rexec_bound_monnum(static_cast<ZYNEXEC_EXNOTICE_OUT_PARAM *>(param->out_data), param->out_size);
     rexec_conv_byteorder_notice(response_order, param->out_data, sizeof(ZYNEXEC_EXNOTICE_OUT_PARAM));
 }
 
@@ -56,10 +64,12 @@ void read_notice(REXECCL_EXEC_PARAM_INFO *param) {
 struct Request {
     const char *reqcode;
     void *(*entry)(void *);
-    std::uint32_t in_size;                             // bytes of payload sent
-    std::uint32_t out_size_min;                        // bytes of payload an answer has at least
-    void (*fill)(const REXEC_INFO *, REXEC_PAYLOAD *); // into network byte order
-    void (*read)(REXECCL_EXEC_PARAM_INFO *);           // the answer, into host byte order; null: it has none
+    std::uint32_t in_size;      // bytes of payload sent
+    std::uint32_t out_size_min; // bytes of payload an answer has at least
+    // Fills the payload behind in_data, in network byte order.
+    void (*fill)(const REXEC_INFO *, const REXECCL_EXEC_PARAM_INFO *);
+    // Turns the answer into host byte order, where there is one; null: the request has none.
+    void (*read)(const REXECCL_EXEC_PARAM_INFO *);
 };
 
 constexpr auto requests = std::to_array<Request>({
@@ -85,17 +95,16 @@ void free_output(REXECCL_EXEC_PARAM_INFO *param) {
     param->out_size = 0;
 }
 
-void set_exec_param(const REXEC_INFO *info, const Request &request, REXEC_PAYLOAD *payload,
-                    REXECCL_EXEC_PARAM_INFO *param) {
-    *param = {};
-    param->in_size = request.in_size;
-    static_assert(sizeof(param->id) == sizeof(info->reqcode));
-    std::memcpy(param->id, info->reqcode, sizeof(param->id));
-    param->limiter = 1;
-    param->restimeout = info->cmdtimeout - 1;
-    param->in_data = payload;
-    REXEC_TRACE(8, "in_size=%u, id=\"%s\", limiter=%d, restimeout=%d", param->in_size, param->id,
-                param->limiter, param->restimeout);
+REXECCL_EXEC_PARAM_INFO make_exec_param(const REXEC_INFO *info, const Request &request,
+                                        REXEC_PAYLOAD *payload) {
+    REXECCL_EXEC_PARAM_INFO param = {};
+    param.in_size = request.in_size;
+    static_assert(sizeof(param.id) == sizeof(info->reqcode));
+    std::memcpy(param.id, info->reqcode, sizeof(param.id));
+    param.limiter = 1;
+    param.restimeout = info->cmdtimeout - 1;
+    param.in_data = payload;
+    return param;
 }
 
 // Turns the answer of each connection into host byte order. An answer too short for its payload is
@@ -105,12 +114,11 @@ void read_answers(REXECCL_CONNECTION_INFO *connections, const Request &request) 
         return;
     for (REXECCL_CONNECTION_INFO *at = connections; at != nullptr; at = at->next) {
         REXECCL_EXEC_PARAM_INFO *param = &at->datainfo.execparam;
-        if (param->out_size >= request.out_size_min) {
-            request.read(param);
-        } else if (param->out_size != 0) {
+        if (param->out_size != 0 && param->out_size < request.out_size_min) {
             REXEC_TRACE(1, "invalid out_size. (%s size=%u)", at->connstr, param->out_size);
             free_output(param);
         }
+        request.read(param);
     }
 }
 
@@ -118,9 +126,10 @@ void read_answers(REXECCL_CONNECTION_INFO *connections, const Request &request) 
 int run_request(const REXEC_INFO *info, const Request &request, REXECCL_CONNECTION_INFO *connections) {
     REXEC_PAYLOAD payload;
     std::memset(&payload, 0, sizeof(payload));
+    const REXECCL_EXEC_PARAM_INFO param = make_exec_param(info, request, &payload);
+    request.fill(info, &param);
     for (REXECCL_CONNECTION_INFO *at = connections; at != nullptr; at = at->next)
-        set_exec_param(info, request, &payload, &at->datainfo.execparam);
-    request.fill(info, &payload);
+        at->datainfo.execparam = param;
     REXEC_TRACE(4, "rexeccl_multi_execparam(%s) start...", info->reqcode);
     const std::int32_t ret = rexeccl_multi_execparam(connections);
     REXEC_TRACE(4, "rexeccl_multi_execparam(ret=%d) ", ret);
@@ -147,9 +156,13 @@ int serve(const REXEC_INFO *info, const Request &request) {
     return result;
 }
 
-[[noreturn]] void run_worker(void *argument, const char *reqcode) {
-    const int result = serve(static_cast<const REXEC_INFO *>(argument), *find_request(reqcode));
+int serve_request(const void *argument, const char *reqcode) {
+    return serve(static_cast<const REXEC_INFO *>(argument), *find_request(reqcode));
+}
+
+[[noreturn]] void end_worker(int result) {
     rexec_increment_toflag();
+    act_on_cancel(); // the one place where the driver's cancel at the command time-out takes effect
     pthread_exit(reinterpret_cast<void *>(static_cast<std::intptr_t>(result)));
 }
 
@@ -169,8 +182,7 @@ int connect_nodes(const REXEC_INFO *info, REXECCL_CONNECTION_INFO **connections,
     if (ret == REXECCL_RET_SUCCESS || ret == REXECCL_RET_FAIL_SERVER)
         return rexec_trnerrcon(*nodes);
     REXEC_TRACE(1, "all server connect failed.(ret=%d)", ret);
-    for (const REXECCL_NODE_INFO *node = *nodes; node != nullptr; node = node->next)
-        rexec_print_connfail(node->szhost);
+    rexec_print_connfail(*nodes);
     return REXEC_FAIL_CONNECT;
 }
 
@@ -215,27 +227,37 @@ void *(*rexec_find_worker(const char *reqcode))(void *) {
 
 void *rexec_exec_grpfo(void *info) {
     REXEC_ENTER();
-    run_worker(info, ZYNEXECGRPFO_EX_ID);
+    const int result = serve_request(info, ZYNEXECGRPFO_EX_ID);
+    REXEC_EXIT(result);
+    end_worker(result);
 }
 
 void *rexec_exec_exscript(void *info) {
     REXEC_ENTER();
-    run_worker(info, ZYNEXECSCRIPT_EX_ID);
+    const int result = serve_request(info, ZYNEXECSCRIPT_EX_ID);
+    REXEC_EXIT(result);
+    end_worker(result);
 }
 
 void *rexec_exec_notice(void *info) {
     REXEC_ENTER();
-    run_worker(info, ZYNEXECNOTICE_ID);
+    const int result = serve_request(info, ZYNEXECNOTICE_ID);
+    REXEC_EXIT(result);
+    end_worker(result);
 }
 
 void *rexec_exec_clear(void *info) {
     REXEC_ENTER();
-    run_worker(info, ZYNEXECCLEAR_ID);
+    const int result = serve_request(info, ZYNEXECCLEAR_ID);
+    REXEC_EXIT(result);
+    end_worker(result);
 }
 
 void rexec_report_notstarted(const REXEC_INFO *info) {
     REXEC_ENTER();
-    rexec_print_connfail(info->ipaddr[0]);
+    REXECCL_NODE_INFO node = {};
+    std::snprintf(node.szhost, sizeof(node.szhost), "%s", info->ipaddr[0]);
+    rexec_print_connfail(&node);
     REXEC_EXIT(0);
 }
 
