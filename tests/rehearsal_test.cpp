@@ -23,6 +23,8 @@ using namespace std::chrono_literals;
 using namespace std::string_literals;
 using rehearsal::Server;
 namespace fs = std::filesystem;
+using Words =
+    std::vector<std::pair<std::size_t, std::uint32_t>>; // offsets in an answer and what stands there
 
 std::string u32(std::uint32_t v) {
     const std::uint32_t wire = htonl(v);
@@ -32,6 +34,11 @@ std::uint32_t u32_at(const std::string &bytes, std::size_t at) {
     std::uint32_t wire = 0;
     bytes.copy(reinterpret_cast<char *>(&wire), 4, at);
     return ntohl(wire);
+}
+void expect_words(const std::string &bytes, const Words &words) {
+    for (const auto &[at, value] : words) {
+        EXPECT_EQ(u32_at(bytes, at), value) << "at " << at;
+    }
 }
 std::string text(std::string value, std::size_t width) {
     value.resize(width);
@@ -50,16 +57,17 @@ std::string failover(const std::string &resource, const std::string &group, std:
 std::string script(const std::string &name, std::uint32_t timeout = 9) {
     return call("zynexecscript_ex", text(name, 256) + u32(timeout) + text("", 260));
 }
-std::string monitor(const std::string &id, const std::string &name, const std::string &category = "",
-                    const std::string &keyword = "") {
+std::string monitor(const std::string &id, const std::string &name, const std::string &category,
+                    const std::string &keyword) {
     return call(id, text(name, 32) + text(keyword, 1024) + text(category, 128) + u32(id == "zynexecclear") +
                         text("", 260));
 }
-std::string notice(const std::string &name) {
-    return monitor("zynexecnotice", name);
+std::string notice(const std::string &name, const std::string &category = "",
+                   const std::string &keyword = "") {
+    return monitor("zynexecnotice", name, category, keyword);
 }
 std::string clear(const std::string &name) {
-    return monitor("zynexecclear", name);
+    return monitor("zynexecclear", name, "", "");
 }
 const std::string check = packet(36), farewell = packet(28);
 
@@ -136,53 +144,46 @@ TEST(Rehearsal, AnswersAccordingToTheStateOfTheCluster) {
                    .cluster_file = folder.write("c.xml", cluster_text)});
     server.start();
     struct Row { // in order: some change what later ones meet
-        const char *name, *to, *from;
+        const char *name;
         std::string request;
         std::uint32_t status;
-        std::vector<std::pair<std::size_t, std::uint32_t>> words; // offsets in the answer; none: no body
+        Words words; // none: no body
+        const char *to = "127.0.0.1", *from = "127.0.0.1";
     };
-    const char *const one = "127.0.0.1", *const two = "127.0.0.2";
     const Row rows[] = {
-        {"check", one, one, check, 0, {}},
-        {"check of a busy server", "127.0.0.3", one, check, 9, {}},
-        {"check by a client that is not permitted", one, "127.0.0.9", check, 28, {}},
-        {"farewell of that client", one, "127.0.0.9", farewell, 0, {}},
-        {"group", one, one, failover("", "g1"), 0, {}},
-        {"group that the second server has offline", two, one, failover("", "g1"), 22, {}},
-        {"group offline", one, one, failover("", "g2"), 22, {}},
-        {"no such group", one, one, failover("", "r1"), 31, {}},
-        {"group with a status", one, one, failover("", "g3"), 32, {}},
-        {"group slower than the time limit", one, one, failover("", "g4", 1), 27, {}},
-        {"resource", one, one, failover("r1", ""), 0, {}},
-        {"resource of an offline group", one, one, failover("r2", ""), 22, {}},
-        {"no such resource", one, one, failover("g1", ""), 24, {}},
-        {"script", one, one, script("s"), 0, {{68, 272}, {72, 272}, {76, 0}, {80, 264}, {84, 3}}},
-        {"no such script", one, one, script("nix"), 25, {}},
-        {"script in a folder", one, one, script("d/s"), 25, {}},
-        {"script that is not executable", one, one, script("x"), 26, {}},
-        {"script that fails to run", one, one, script("f"), 29, {}},
-        {"clear of a monitor in order", one, one, clear("m1"), 0, {{84, 1}, {388, 39}}},
+        {"check", check, 0, {}},
+        {"check of a busy server", check, 9, {}, "127.0.0.3"},
+        {"check by a client that is not permitted", check, 28, {}, "127.0.0.1", "127.0.0.9"},
+        {"farewell of that client", farewell, 0, {}, "127.0.0.1", "127.0.0.9"},
+        {"group", failover("", "g1"), 0, {}},
+        {"group that the second server has offline", failover("", "g1"), 22, {}, "127.0.0.2"},
+        {"group offline", failover("", "g2"), 22, {}},
+        {"no such group", failover("", "r1"), 31, {}},
+        {"group with a status", failover("", "g3"), 32, {}},
+        {"group slower than the time limit", failover("", "g4", 1), 27, {}},
+        {"resource", failover("r1", ""), 0, {}},
+        {"resource of an offline group", failover("r2", ""), 22, {}},
+        {"no such resource", failover("g1", ""), 24, {}},
+        {"script", script("s"), 0, {{68, 272}, {72, 272}, {76, 0}, {80, 264}, {84, 3}}},
+        {"no such script", script("nix"), 25, {}},
+        {"script in a folder", script("d/s"), 25, {}},
+        {"script that is not executable", script("x"), 26, {}},
+        {"script that fails to run", script("f"), 29, {}},
+        {"clear of a monitor in order", clear("m1"), 0, {{84, 1}, {388, 39}}},
         {"notice by name",
-         one,
-         one,
          notice("m1"),
          0,
          {{80, 576}, {84, 1}, {380, 2}, {384, 5}, {388, 33}, {392, 0}, {396, 4}}},
-        {"notice by category",
-         one,
-         one,
-         monitor("zynexecnotice", "", "A"),
-         0,
-         {{80, 888}, {84, 2}, {388, 36}, {392, 38}, {700, 35}}},
-        {"notice by keyword", one, one, monitor("zynexecnotice", "", "A", "k"), 0, {{84, 1}, {388, 36}}},
-        {"notice by an unknown keyword", one, one, monitor("zynexecnotice", "", "A", "z"), 24, {}},
-        {"notice with a fixed answer", two, one, notice("m1"), static_cast<std::uint32_t>(-5), {}},
-        {"clear on a server without the error", two, one, clear("m1"), 0, {{388, 39}}},
-        {"clear", one, one, clear("m1"), 0, {{388, 0}}},
-        {"clear again", one, one, clear("m1"), 0, {{388, 39}}},
-        {"clear that fails", one, one, clear("m3"), 0, {{388, 30}}},
-        {"unknown id", one, one, call("zynexec", ""), 2, {}},
-        {"unknown code", one, one, packet(0), 3, {}},
+        {"notice by category", notice("", "A"), 0, {{80, 888}, {84, 2}, {388, 36}, {392, 38}, {700, 35}}},
+        {"notice by keyword", notice("", "A", "k"), 0, {{84, 1}, {388, 36}}},
+        {"notice by an unknown keyword", notice("", "A", "z"), 24, {}},
+        {"notice with a fixed answer", notice("m1"), static_cast<std::uint32_t>(-5), {}, "127.0.0.2"},
+        {"clear on a server without the error", clear("m1"), 0, {{388, 39}}, "127.0.0.2"},
+        {"clear", clear("m1"), 0, {{388, 0}}},
+        {"clear again", clear("m1"), 0, {{388, 39}}},
+        {"clear that fails", clear("m3"), 0, {{388, 30}}},
+        {"unknown id", call("zynexec", ""), 2, {}},
+        {"unknown code", packet(0), 3, {}},
     };
     for (const Row &row : rows) {
         SCOPED_TRACE(row.name);
@@ -193,9 +194,7 @@ TEST(Rehearsal, AnswersAccordingToTheStateOfTheCluster) {
         EXPECT_EQ(u32_at(answer, 60), 7U);                          // the sequence number
         EXPECT_EQ(u32_at(answer, 64), row.status);
         EXPECT_EQ(answer.size() > 76, !row.words.empty());
-        for (const auto &[at, value] : row.words) {
-            EXPECT_EQ(u32_at(answer, at), value) << "at " << at;
-        }
+        expect_words(answer, row.words);
     }
 }
 
@@ -232,7 +231,7 @@ TEST(Rehearsal, ShowsFaults) {
         std::string request;
         std::size_t size; // of what comes before the end, or before the farewell of a connection kept
         End end;
-        std::vector<std::pair<std::size_t, std::uint32_t>> words;
+        Words words;
     };
     const Row rows[] = {
         {"silent-request", script("s"), 0, End::kept, {}},
@@ -278,9 +277,7 @@ TEST(Rehearsal, ShowsFaults) {
         const std::string got = client.read(600000);
         EXPECT_EQ(client.error, row.end == End::reset ? ECONNRESET : 0);
         ASSERT_EQ(got.size(), row.size + (row.end == End::kept ? 76 : 0));
-        for (const auto &[at, value] : row.words) {
-            EXPECT_EQ(u32_at(got, at), value) << "at " << at;
-        }
+        expect_words(got, row.words);
     }
 }
 
@@ -310,6 +307,26 @@ TEST(Rehearsal, SharesOnePortAndTriesAgainOnCollision) {
     }
 }
 
+TEST(Rehearsal, SendsTheBytesOfATest) {
+    Server server({.hook = [](const rehearsal::Exchange &exchange) -> std::optional<rehearsal::RawAnswer> {
+        if (exchange.request.script != "s") {
+            return std::nullopt;
+        }
+        return rehearsal::RawAnswer{.bytes = {'a', 0, 'b'}, .after = rehearsal::After::close};
+    }});
+    server.start();
+    Client client(server);
+    EXPECT_EQ(client.ask(check).size(), 76U);
+    client.send(script("s"));
+    EXPECT_EQ(client.read(9), "a\0b"s);
+    ASSERT_TRUE(server.wait_for_answers(1, 10s, 34));
+    const std::vector<rehearsal::Exchange> all = server.exchanges();
+    ASSERT_EQ(all.size(), 2U);
+    EXPECT_EQ(std::string(all[1].request_bytes.begin(), all[1].request_bytes.end()), script("s"));
+    EXPECT_EQ(all[1].connection, all[0].connection);
+    EXPECT_TRUE(all[1].accepted <= all[1].received && all[1].received <= all[1].answered);
+}
+
 // Waits for `events` on the reading end of a pipe.
 bool wait_pipe(int pipe, short events) {
     pollfd one{.fd = pipe, .events = POLLIN, .revents = 0};
@@ -334,13 +351,13 @@ TEST(Rehearsal, RunsScriptsAndKillsThemWithTheirChildren) {
         const char *name;
         std::uint32_t status, exitcode;
     };
-    for (const Row &row : {Row{"ends", 0, 7},
-                           {"killed", 0, 128 + SIGTERM},
-                           {"plain", 26, 0},
-                           {"broken", 29, 0},
-                           {"link", 25, 0},
-                           {"..", 25, 0},
-                           {"", 25, 0}}) {
+    for (const Row &row : std::initializer_list<Row>{{"ends", 0, 7},
+                                                     {"killed", 0, 128 + SIGTERM},
+                                                     {"plain", 26, 0},
+                                                     {"broken", 29, 0},
+                                                     {"link", 25, 0},
+                                                     {"..", 25, 0},
+                                                     {"", 25, 0}}) {
         SCOPED_TRACE(row.name);
         const std::string answer = Client(server).ask(script(row.name));
         ASSERT_GE(answer.size(), row.status == 0 ? 348U : 76U);
