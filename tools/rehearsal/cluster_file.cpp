@@ -329,9 +329,12 @@ Cluster load_cluster(const std::filesystem::path &path) {
         xmlFreeDoc);
     if (!document) {
         const xmlError *error = xmlGetLastError();
-        std::string what = error == nullptr ? "cannot be read" : error->message;
+        if (error == nullptr || error->line == 0) {
+            throw std::runtime_error(file + ": cannot be read");
+        }
+        std::string what = error->message;
         what.erase(what.find_last_not_of('\n') + 1);
-        reject(file, error == nullptr ? 0 : error->line, what);
+        reject(file, error->line, what);
     }
     if (document->intSubset != nullptr) {
         reject(file, 1, "a document type declaration is not accepted");

@@ -14,7 +14,7 @@
 namespace rehearsal {
 namespace {
 
-constexpr int port_tries = 100; // each needs a port that some address has in use already
+constexpr std::size_t port_tries = 100; // each needs a port that some address has in use already
 constexpr int backlog = 4096;
 
 using asio::ip::tcp;
@@ -64,18 +64,19 @@ Listening bind_one(const std::string &address, std::uint16_t port) {
     return one;
 }
 
-Listeners try_port(const std::vector<std::string> &addresses, std::uint16_t port,
+// Binds the address number `first` before the others, so that it is the one that picks the port.
+Listeners try_port(const std::vector<std::string> &addresses, std::uint16_t port, std::size_t first,
                    const std::set<std::string> &refusing) {
-    Listeners listeners{.port = port};
-    for (const std::string &address : addresses) {
-        Listening one = bind_one(address, listeners.port);
+    Listeners listeners{.port = port, .sockets = std::vector<Listening>(addresses.size())};
+    for (std::size_t i = 0; i < addresses.size(); ++i) {
+        const std::size_t at = (first + i) % addresses.size();
+        Listening &one = listeners.sockets[at] = bind_one(addresses[at], listeners.port);
         if (listeners.port == 0) {
-            listeners.port = bound_port(one.socket, address);
+            listeners.port = bound_port(one.socket, one.address);
         }
-        if (!refusing.contains(address) && ::listen(one.socket.get(), backlog) != 0) {
-            fail("cannot listen on", address, listeners.port);
+        if (!refusing.contains(one.address) && ::listen(one.socket.get(), backlog) != 0) {
+            fail("cannot listen on", one.address, listeners.port);
         }
-        listeners.sockets.push_back(std::move(one));
     }
     return listeners;
 }
@@ -99,11 +100,12 @@ int Descriptor::release() {
 
 Listeners listen_on(const std::vector<std::string> &addresses, std::uint16_t port,
                     const std::set<std::string> &refusing) {
-    for (int tries = 1;; ++tries) {
+    // The addresses take turns in picking: where one has few ports left, its own choice is the best.
+    for (std::size_t tries = 0;; ++tries) {
         try {
-            return try_port(addresses, port, refusing);
+            return try_port(addresses, port, tries % addresses.size(), refusing);
         } catch (const std::system_error &error) {
-            if (port != 0 || error.code() != std::errc::address_in_use || tries == port_tries) {
+            if (port != 0 || error.code() != std::errc::address_in_use || tries + 1 == port_tries) {
                 throw;
             }
         }

@@ -11,6 +11,7 @@
 #include <fstream>
 #include <iostream>
 
+#include <fcntl.h>
 #include <unistd.h>
 
 namespace {
@@ -80,6 +81,16 @@ void write_port(const std::filesystem::path &file, unsigned port) {
     std::filesystem::rename(fresh, file);
 }
 
+// Without this a socket could become standard output, and a peer receive the journal.
+void fill_standard_descriptors() {
+    for (int opened = 0; opened >= 0 && opened <= STDERR_FILENO;) {
+        opened = ::open("/dev/null", O_RDWR);
+        if (opened > STDERR_FILENO) {
+            ::close(opened);
+        }
+    }
+}
+
 int serve(Arguments &arguments) {
     std::signal(SIGPIPE, SIG_IGN);
     asio::io_context io;
@@ -106,6 +117,7 @@ int serve(Arguments &arguments) {
 } // namespace
 
 int main(int argc, char **argv) {
+    fill_standard_descriptors();
     CLI::App app(
         "A stand-in data transfer server: answers check, failover, script, notice, clear and farewell\n"
         "for a pretended cluster, so that a drill can be rehearsed without a real one.",

@@ -1,0 +1,3 @@
+#!/bin/sh
+# A script that succeeds.
+exit 0

@@ -1,0 +1,3 @@
+#!/bin/sh
+# A script that ends with an exit code of its own.
+exit 3
