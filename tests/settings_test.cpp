@@ -41,7 +41,7 @@ int xmllib_load_pathconfig(const char *path, void **) {
 int xmllib_unload_pathconfig(void *) {
     return record("unload path");
 }
-clock_t xmllib_times() {
+clock_t xmllib_times(struct tms *) {
     return 1;
 }
 int xmllib_get_value(const char *path, int type, void *buffer, int *size) {
@@ -123,6 +123,7 @@ TEST(Settings, InstalledReadsEveryKeyAndUnloadsAgain) {
     EXPECT_STREQ(_rexeccl_allpol.instpath, "/opt/");
     EXPECT_STREQ(_rexeccl_allpol.clsinfo.edition, "E");
     EXPECT_STREQ(_rexeccl_allpol.clsinfo.version, "V");
+    EXPECT_EQ(rexeccl_terminate(), 0);
 }
 
 TEST(Settings, EachFailureAndItsFallback) {

@@ -74,6 +74,79 @@ struct TRANS_RES_EXEC_PARAM_INFO {
 static_assert(sizeof(TRANS_RES_EXEC_PARAM_INFO) == 8);
 static_assert(offsetof(TRANS_RES_EXEC_PARAM_INFO, size) == 4);
 
+// Records that only other clients of the protocol send or receive.
+struct TRANS_RES_NODENUM_INFO {
+    std::int32_t nnodenum;
+    std::int32_t nipnum;
+};
+static_assert(sizeof(TRANS_RES_NODENUM_INFO) == 8);
+
+struct TRANS_RES_NODE_INFO {
+    std::int32_t nnodenum;
+    std::uint32_t nsize; // bytes of szdata; stays in network byte order
+    char szdata[];       // NOLINT
+};
+static_assert(offsetof(TRANS_RES_NODE_INFO, szdata) == 8);
+
+struct TRANS_NODE_LAN_INFO {
+    std::int32_t npriority;
+    char szip[TRANS_IP_LEN];
+};
+static_assert(offsetof(TRANS_NODE_LAN_INFO, szip) == 4);
+
+struct TRANS_NODE_INFO {
+    char szhost[256];
+    std::int32_t npriority;
+    std::uint32_t nsize; // bytes of szdev
+    char szdev[];        // NOLINT
+};
+static_assert(offsetof(TRANS_NODE_INFO, npriority) == 256 && offsetof(TRANS_NODE_INFO, szdev) == 264);
+
+struct TRANS_REQ_ARSIZE_INFO {
+    char scrid[TRANS_ID_LEN];
+    char coltype[32];
+    std::int32_t syslogrotatenum;
+    char vardir[256];
+};
+static_assert(offsetof(TRANS_REQ_ARSIZE_INFO, syslogrotatenum) == 64);
+
+struct TRANS_RES_ARSIZE_INFO {
+    std::int32_t arsize;
+    char arname[TRANS_FILENAME_LEN];
+};
+static_assert(offsetof(TRANS_RES_ARSIZE_INFO, arname) == 4);
+
+struct TRANS_REQ_DELIVERY_INFO {
+    char id[TRANS_ID_LEN];
+    std::uint32_t arsize;
+    std::uint32_t size; // bytes of data
+    char data[];        // NOLINT
+};
+static_assert(offsetof(TRANS_REQ_DELIVERY_INFO, arsize) == 32 &&
+              offsetof(TRANS_REQ_DELIVERY_INFO, data) == 40);
+
+struct TRANS_RES_EXECCMD_INFO {
+    std::int32_t stat;
+};
+struct TRANS_RES_SVRACTION_INFO {
+    std::int32_t action;
+};
+static_assert(sizeof(TRANS_RES_EXECCMD_INFO) == 4 && sizeof(TRANS_RES_SVRACTION_INFO) == 4);
+
+struct TRANS_REQ_GET_PARAM_INFO {
+    char type[TRANS_ID_LEN];
+    std::uint32_t size; // bytes of data
+    char data[];        // NOLINT
+};
+static_assert(offsetof(TRANS_REQ_GET_PARAM_INFO, data) == 36);
+
+struct TRANS_RES_GET_PARAM_INFO {
+    std::uint32_t rts;
+    std::uint32_t size; // bytes of data
+    char data[];        // NOLINT
+};
+static_assert(offsetof(TRANS_RES_GET_PARAM_INFO, data) == 8);
+
 // Each request code is followed by its response code, one higher.
 enum : std::int32_t {
     TRANS_REQ_HEAD_W = -10,
@@ -132,7 +205,7 @@ enum : std::int32_t {
     TRANS_RES_PREPUT_ALLOW = 43,
 };
 
-// 0 and 1 are success, every other value a failure. A value that is not
+// 0 is success, every other value a failure (1 is told like a success). A value that is not
 // listed is a failure too. The spelling of UNKOWN and COMUNICATION belongs to the protocol.
 enum : std::int32_t {
     TRANS_RES_STAT_SUCCESS = 0,

@@ -6,7 +6,7 @@
 
 #include <cstdint>
 
-#include <sys/types.h>
+#include <sys/times.h>
 
 // Result codes of every operation.
 enum : int {
@@ -50,6 +50,6 @@ int xmllib_unload_pathconfig(void *handle);
 int xmllib_get_value(const char *path, int type, void *buffer, int *size);
 
 // Elapsed clock ticks since an arbitrary point, as times(2) returns them, with the range that the
-// system library takes for an error mended; 0 when the clock cannot be read. Needs no
-// initialisation, never blocks, and is no cancellation point while it writes no log of its own.
-clock_t xmllib_times();
+// system library takes for an error mended; the argument is ignored; 0 when the clock cannot be read. Needs
+// no initialisation, never blocks, and is no cancellation point while it writes no log of its own.
+clock_t xmllib_times(struct tms *ignored = nullptr);

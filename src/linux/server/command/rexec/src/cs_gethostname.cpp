@@ -23,8 +23,7 @@ std::int32_t read_hostname(char *buffer, std::int32_t length, std::int32_t suffi
         return CSUB_FAIL;
     }
     std::memset(buffer, 0, static_cast<std::size_t>(length));
-    // A name that fills the buffer may come without its NUL (gethostname(2)), so one byte is kept back.
-    if (gethostname(buffer, static_cast<std::size_t>(length) - 1) != 0) {
+    if (gethostname(buffer, static_cast<std::size_t>(length)) != 0) {
         CS_TRACE("cs_gethostname", LOG_LEVEL_ERROR, "gethostname failed. (errno=%d)", errno);
         return CSUB_FAIL;
     }

@@ -115,6 +115,6 @@ std::int32_t rexeccl_multi_execparam(REXECCL_CONNECTION_INFO *handle);
 
 // Says farewell on every connection, closes and frees them all; `nodes` is the list they were made
 // from, and each node's `nstatus` receives the outcome. Cancellation of the caller is off meanwhile.
-// Returns 0 when every server acknowledged, or REXECCL_RET_FAIL_SERVER; with
+// Returns 0, or REXECCL_RET_FAIL_SERVER when a server answered with a failure; with
 // REXECCL_RET_FAIL_PARAMETER nothing has been touched.
 std::int32_t rexeccl_disconnect_ex(REXECCL_CONNECTION_INFO *handle, REXECCL_NODE_INFO *nodes);

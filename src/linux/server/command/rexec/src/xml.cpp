@@ -7,8 +7,6 @@
 #include <cerrno>
 #include <mutex>
 
-#include <sys/times.h>
-
 int xmllib_init(const char *modtype) {
     return modtype == nullptr ? XMLLIB_ERR_INVALIDARG : XMLLIB_ERR_NOTEXIST;
 }
@@ -64,7 +62,7 @@ bool mending = false; // guarded by mending_mutex: the counter is inside the ran
 
 } // namespace
 
-clock_t xmllib_times() {
+clock_t xmllib_times(struct tms *) {
     errno = 0;
     clock_t ticks = times(nullptr);
     const int error = errno;

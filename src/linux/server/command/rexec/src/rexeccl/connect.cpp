@@ -53,8 +53,8 @@ void abandon_connect(pthread_t tid, REXECCL_CNTD_PARAM_INFO *param, const char *
 }
 
 Attempt attempt_connect(REXECCL_CNTD_PARAM_INFO *param, const char *host) {
-    const std::int32_t tries = std::max(_rexeccl_policy.connretry, 0) + 1;
-    for (std::int32_t i = 0; i < tries; ++i) {
+    const std::int64_t tries = std::int64_t{std::max(_rexeccl_policy.connretry, 0)} + 1;
+    for (std::int64_t i = 0; i < tries; ++i) {
         REXECCL_TRACE(4, "connect->%s/%d", param->ip, param->port);
         pthread_t tid = 0;
         const std::int32_t started = rexeccl_create_thread(

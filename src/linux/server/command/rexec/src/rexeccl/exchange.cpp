@@ -155,12 +155,12 @@ std::int32_t judge_response(REXECCL_CONNECTION_INFO *connection) {
 }
 
 std::int32_t run_request(REXECCL_CONNECTION_INFO *connection) {
+    reset_results(connection);
     if (!inputs_valid(connection->datainfo.execparam)) {
         REXECCL_TRACE(1, "invalid parameter. (size=%u data=%p)", connection->datainfo.execparam.in_size,
                       connection->datainfo.execparam.in_data);
         return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_PARAMETER);
     }
-    reset_results(connection);
     std::int32_t ret = build_request(connection);
     if (ret == REXECCL_RET_SUCCESS)
         ret = exchange(connection);

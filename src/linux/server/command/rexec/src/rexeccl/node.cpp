@@ -3,7 +3,6 @@
 
 #include "rexeccl/trace.h"
 
-#include <algorithm>
 #include <cstring>
 
 namespace {
@@ -36,9 +35,10 @@ std::int32_t rexeccl_createnodelist(std::int32_t count, void *buffer, const char
         ret = REXECCL_RET_FAIL_PARAMETER;
     } else {
         auto *slots = static_cast<NodeSlot *>(buffer);
-        for (; made < count && slots != nullptr; ++made)
-            fill_slot(&slots[made], addresses[made], made + 1 < count ? &slots[made + 1].node : nullptr);
-        *size_out = std::max(count, 0) * static_cast<std::int32_t>(sizeof(NodeSlot));
+        for (; made < count; ++made)
+            if (slots != nullptr)
+                fill_slot(&slots[made], addresses[made], made + 1 < count ? &slots[made + 1].node : nullptr);
+        *size_out = made * static_cast<std::int32_t>(sizeof(NodeSlot));
     }
     REXECCL_TRACE(4, "end - (ret=%d nodenum=%d size=%d)", ret, made, size_out != nullptr ? *size_out : 0);
     return ret;

@@ -26,38 +26,41 @@ struct Field {
 };
 
 constexpr auto fields = std::to_array<Field>({
-    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "ncode", 56},
-    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "seq", 60},
-    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "status", 64},
-    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "allsize", 68},
-    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "size", 72},
-    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "ncode", 56},
-    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "seq", 60},
-    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "status", 64},
-    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "allsize", 68},
-    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "size", 72},
-    {TRANS_RES_LAN_NODEINFO, "TRANS_RES_LAN_NODEINFO", "npriority", 0},
-    {TRANS_RES_NODEINFO, "TRANS_RES_NODEINFO", "npriority", 256},
-    {TRANS_RES_NODEINFO, "TRANS_RES_NODEINFO", "nsize", 260},
-    {TRANS_RES_INFO_NODE, "TRANS_RES_INFO_NODE", "nnodenum", 0}, // its nsize stays as received
-    {TRANS_RES_GET_NODENUM, "TRANS_RES_GET_NODENUM", "nnodenum", 0},
-    {TRANS_RES_GET_NODENUM, "TRANS_RES_GET_NODENUM", "nipnum", 4},
-    {TRANS_REQ_GET_LOG_ARSIZE, "TRANS_REQ_GET_LOG_ARSIZE", "syslogrotatenum", 64},
-    {TRANS_RES_GET_LOG_ARSIZE, "TRANS_RES_GET_ARSIZE", "arsize", 0},
-    {TRANS_RES_GET_ARSIZE, "TRANS_RES_GET_ARSIZE", "arsize", 0},
-    {TRANS_REQ_DELIVERY, "TRANS_REQ_DELIVERY", "arsize", 32},
-    {TRANS_REQ_DELIVERY, "TRANS_REQ_DELIVERY", "size", 36},
-    {TRANS_REQ_DELIVERY_NEXT, "TRANS_REQ_DELIVERY", "arsize", 32},
-    {TRANS_REQ_DELIVERY_NEXT, "TRANS_REQ_DELIVERY", "size", 36},
-    {TRANS_RES_EXEC_COMMAND, "TRANS_RES_EXEC_COMMAND", "stat", 0},
-    {TRANS_RES_GET_SVRACTION, "TRANS_RES_GET_SVRACTION", "action", 0},
-    {TRANS_REQ_GET_PARAM, "TRANS_REQ_GET_PARAM", "size", 32},
-    {TRANS_RES_GET_PARAM, "TRANS_RES_GET_PARAM", "rts", 0},
-    {TRANS_RES_GET_PARAM, "TRANS_RES_GET_PARAM", "size", 4},
-    {TRANS_REQ_EXEC_PARAM, "TRANS_REQ_EXEC_PARAM", "size", 36},
-    {TRANS_REQ_EXEC_PARAM, "TRANS_REQ_EXEC_PARAM", "limiter", 32},
-    {TRANS_RES_EXEC_PARAM, "TRANS_RES_EXEC_PARAM", "rts", 0},
-    {TRANS_RES_EXEC_PARAM, "TRANS_RES_EXEC_PARAM", "size", 4},
+    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "ncode", offsetof(TRANS_PACKET_HEADER_INFO, ncode)},
+    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "seq", offsetof(TRANS_PACKET_HEADER_INFO, seq)},
+    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "status", offsetof(TRANS_PACKET_HEADER_INFO, status)},
+    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "allsize", offsetof(TRANS_PACKET_HEADER_INFO, allsize)},
+    {TRANS_REQ_HEAD, "TRANS_REQ_HEAD", "size", offsetof(TRANS_PACKET_HEADER_INFO, size)},
+    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "ncode", offsetof(TRANS_PACKET_HEADER_INFO, ncode)},
+    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "seq", offsetof(TRANS_PACKET_HEADER_INFO, seq)},
+    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "status", offsetof(TRANS_PACKET_HEADER_INFO, status)},
+    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "allsize", offsetof(TRANS_PACKET_HEADER_INFO, allsize)},
+    {TRANS_RES_HEAD, "TRANS_RES_HEAD", "size", offsetof(TRANS_PACKET_HEADER_INFO, size)},
+    {TRANS_RES_LAN_NODEINFO, "TRANS_RES_LAN_NODEINFO", "npriority", offsetof(TRANS_NODE_LAN_INFO, npriority)},
+    {TRANS_RES_NODEINFO, "TRANS_RES_NODEINFO", "npriority", offsetof(TRANS_NODE_INFO, npriority)},
+    {TRANS_RES_NODEINFO, "TRANS_RES_NODEINFO", "nsize", offsetof(TRANS_NODE_INFO, nsize)},
+    {TRANS_RES_INFO_NODE, "TRANS_RES_INFO_NODE", "nnodenum",
+     offsetof(TRANS_RES_NODE_INFO, nnodenum)}, // its nsize stays as received
+    {TRANS_RES_GET_NODENUM, "TRANS_RES_GET_NODENUM", "nnodenum", offsetof(TRANS_RES_NODENUM_INFO, nnodenum)},
+    {TRANS_RES_GET_NODENUM, "TRANS_RES_GET_NODENUM", "nipnum", offsetof(TRANS_RES_NODENUM_INFO, nipnum)},
+    {TRANS_REQ_GET_LOG_ARSIZE, "TRANS_REQ_GET_LOG_ARSIZE", "syslogrotatenum",
+     offsetof(TRANS_REQ_ARSIZE_INFO, syslogrotatenum)},
+    {TRANS_RES_GET_LOG_ARSIZE, "TRANS_RES_GET_ARSIZE", "arsize", offsetof(TRANS_RES_ARSIZE_INFO, arsize)},
+    {TRANS_RES_GET_ARSIZE, "TRANS_RES_GET_ARSIZE", "arsize", offsetof(TRANS_RES_ARSIZE_INFO, arsize)},
+    {TRANS_REQ_DELIVERY, "TRANS_REQ_DELIVERY", "arsize", offsetof(TRANS_REQ_DELIVERY_INFO, arsize)},
+    {TRANS_REQ_DELIVERY, "TRANS_REQ_DELIVERY", "size", offsetof(TRANS_REQ_DELIVERY_INFO, size)},
+    {TRANS_REQ_DELIVERY_NEXT, "TRANS_REQ_DELIVERY", "arsize", offsetof(TRANS_REQ_DELIVERY_INFO, arsize)},
+    {TRANS_REQ_DELIVERY_NEXT, "TRANS_REQ_DELIVERY", "size", offsetof(TRANS_REQ_DELIVERY_INFO, size)},
+    {TRANS_RES_EXEC_COMMAND, "TRANS_RES_EXEC_COMMAND", "stat", offsetof(TRANS_RES_EXECCMD_INFO, stat)},
+    {TRANS_RES_GET_SVRACTION, "TRANS_RES_GET_SVRACTION", "action",
+     offsetof(TRANS_RES_SVRACTION_INFO, action)},
+    {TRANS_REQ_GET_PARAM, "TRANS_REQ_GET_PARAM", "size", offsetof(TRANS_REQ_GET_PARAM_INFO, size)},
+    {TRANS_RES_GET_PARAM, "TRANS_RES_GET_PARAM", "rts", offsetof(TRANS_RES_GET_PARAM_INFO, rts)},
+    {TRANS_RES_GET_PARAM, "TRANS_RES_GET_PARAM", "size", offsetof(TRANS_RES_GET_PARAM_INFO, size)},
+    {TRANS_REQ_EXEC_PARAM, "TRANS_REQ_EXEC_PARAM", "size", offsetof(TRANS_REQ_EXEC_PARAM_INFO, size)},
+    {TRANS_REQ_EXEC_PARAM, "TRANS_REQ_EXEC_PARAM", "limiter", offsetof(TRANS_REQ_EXEC_PARAM_INFO, limiter)},
+    {TRANS_RES_EXEC_PARAM, "TRANS_RES_EXEC_PARAM", "rts", offsetof(TRANS_RES_EXEC_PARAM_INFO, rts)},
+    {TRANS_RES_EXEC_PARAM, "TRANS_RES_EXEC_PARAM", "size", offsetof(TRANS_RES_EXEC_PARAM_INFO, size)},
 });
 
 // Copied, because a variable part may lie at any alignment. The same swap serves both directions.
@@ -81,24 +84,21 @@ bool known_magic(const TRANS_PACKET_HEADER_INFO &header) {
            holds(header.magicwd, TRANS_MAGICWD_WINDOWS);
 }
 
-std::int32_t check(const TRANS_PACKET_HEADER_INFO &header) {
+// Whether the magic word is one of those that servers send.
+bool check_magic(const TRANS_PACKET_HEADER_INFO &header) {
     if (!holds(header.magicwd, TRANS_MAGICWD))
         REXECCL_TRACE(4, "res from magicwd(%.8s).", header.magicwd);
-    if (!known_magic(header)) {
-        REXECCL_TRACE(1, "invalid magicwd. (magic=%.8s res=%d seq=%d)", header.magicwd, header.ncode,
-                      header.seq);
-        return REXECCL_RET_FAIL_UNKOWN;
-    }
+    if (known_magic(header))
+        return true;
+    REXECCL_TRACE(1, "invalid magicwd. (magic=%.8s res=%d seq=%d)", header.magicwd, header.ncode, header.seq);
+    return false;
+}
+
+void check_version(const TRANS_PACKET_HEADER_INFO &header) {
     // Servers of another platform count their versions apart.
     if (!holds(header.magicwd, TRANS_MAGICWD_WINDOWS) && !holds(header.version, _rexeccl_policy.version))
         REXECCL_TRACE(2, "invalid version. (ver=%.16s res=%d seq=%d)", header.version, header.ncode,
                       header.seq);
-    if (header.size > TRANS_VARIABLE_MAX) {
-        REXECCL_TRACE(1, "invalid variable size. (size=%d res=%d seq=%d)",
-                      static_cast<std::int32_t>(header.size), header.ncode, header.seq);
-        return REXECCL_RET_FAIL_UNKOWN;
-    }
-    return REXECCL_RET_SUCCESS;
 }
 
 } // namespace
@@ -121,7 +121,15 @@ void rexeccl_make_packet_ex(TRANS_PACKET_HEADER_INFO *header, std::int32_t ncode
 
 std::int32_t rexeccl_chk_packet(const TRANS_PACKET_HEADER_INFO *header) {
     REXECCL_TRACE(8, "start - (hdinfo=%p)", static_cast<const void *>(header));
-    const std::int32_t ret = check(*header);
+    if (!check_magic(*header))
+        return REXECCL_RET_FAIL_UNKOWN;
+    check_version(*header);
+    std::int32_t ret = REXECCL_RET_SUCCESS;
+    if (header->size > TRANS_VARIABLE_MAX) {
+        REXECCL_TRACE(1, "invalid variable size. (size=%d res=%d seq=%d)",
+                      static_cast<std::int32_t>(header->size), header->ncode, header->seq);
+        ret = REXECCL_RET_FAIL_UNKOWN;
+    }
     REXECCL_TRACE(8, "end - (ret=%d)", ret);
     return ret;
 }

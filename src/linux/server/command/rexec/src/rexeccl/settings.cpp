@@ -325,10 +325,8 @@ std::int32_t rexeccl_get_config(const REXEC_INFO *info) {
     std::int32_t ret = rexeccl_xml_init("rexec");
     if (ret != REXECCL_RET_SUCCESS) {
         REXECCL_TRACE(1, "rexeccl_xml_init() failed. (ret=%d)", ret);
-        return REXECCL_RET_FAIL_UNKOWN;
-    }
-    ret = load_policies();
-    if (ret == REXECCL_RET_SUCCESS) {
+        ret = REXECCL_RET_FAIL_UNKOWN;
+    } else if (ret = load_policies(); ret == REXECCL_RET_SUCCESS) {
         const std::int32_t config = rexeccl_xml_loadconfig(nullptr, nullptr);
         if (config != REXECCL_RET_SUCCESS)
             REXECCL_TRACE(1, "rexeccl_xml_loadconfig() failed. (ret=%d)", config);

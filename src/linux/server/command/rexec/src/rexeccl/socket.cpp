@@ -41,6 +41,15 @@ std::int32_t read_names(const REXECCL_CNTD_PARAM_INFO *param, char (&local)[256]
     return REXECCL_RET_SUCCESS;
 }
 
+// Only a name may have to be asked for over the network. Without one the resolver does not block, but
+// would lose an address list and a descriptor of its own if a cancel found it at the wrong place.
+int ask_resolver(const char *host, const Port &port, const addrinfo &hints, addrinfo **found) {
+    if (host == nullptr || (hints.ai_flags & AI_NUMERICHOST) != 0)
+        return getaddrinfo(host, port.text, &hints, found);
+    const CancelEnabled may_hang;
+    return getaddrinfo(host, port.text, &hints, found);
+}
+
 // The resolver would cut a port down to 16 bits and connect to another one.
 int resolve_in_range(const char *host, const Port &port, REXECCL_CNTD_PARAM_INFO *param) {
     if (param->port < 1 || param->port > 65535)
@@ -49,8 +58,7 @@ int resolve_in_range(const char *host, const Port &port, REXECCL_CNTD_PARAM_INFO
     hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_STREAM;
     hints.ai_flags = param->ai_flags;
-    const CancelEnabled may_hang;
-    return getaddrinfo(host, port.text, &hints, &param->paddrinfo);
+    return ask_resolver(host, port, hints, &param->paddrinfo);
 }
 
 std::int32_t resolve(REXECCL_CNTD_PARAM_INFO *param, const char *local, const Port &port) {

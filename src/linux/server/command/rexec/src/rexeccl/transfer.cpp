@@ -85,8 +85,11 @@ bool recv_variable(std::int32_t sock, TRANS_PACKET_INFO *packet) {
     const std::size_t all = packet->hdinfo.size;
     const std::size_t largest = piece_size(_rexeccl_policy.recv_packet_size, 8192);
     std::size_t have = 0;
+    std::size_t piece_end = 0;
     while (have < all) {
-        const std::size_t wanted = std::min(largest, all - have);
+        if (have == piece_end)
+            piece_end += std::min(largest, all - have);
+        const std::size_t wanted = piece_end - have;
         const ssize_t received = recv_some(sock, packet->data + have, wanted);
         if (received <= 0) {
             REXECCL_TRACE(1, "recv() failed. (sock=%d wrp=%zu rdspsz=%zu rdsz=%zd rvpktsz=%zu errno=%d)",
@@ -153,7 +156,8 @@ std::int32_t poll_readable(std::int32_t sock) {
         ready = poll(&waited, 1, select_ms);
     }
     int error = errno;
-    if (ready > 0 && (waited.revents & POLLNVAL) != 0) {
+    // poll passes over a negative descriptor and would wait for it again and again.
+    if (sock < 0 || (ready > 0 && (waited.revents & POLLNVAL) != 0)) {
         ready = -1;
         error = EBADF;
     }
