@@ -108,6 +108,7 @@ int main(int argc, char **argv) {
     const std::size_t width = argc == 3 ? std::strtoul(argv[1], nullptr, 10) : 0;
     if (width < 1 || width > targets_max)
         return 2;
+    alarm(client_limit);
     const auto port = static_cast<std::uint16_t>(std::strtoul(argv[2], nullptr, 10));
     std::atomic<bool> all_ok = true;
     std::vector<std::thread> threads;

@@ -8,10 +8,13 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <unistd.h>
+
 int main(int argc, char **argv) {
     const int width = argc == 3 ? std::atoi(argv[1]) : 0;
     if (width < 1 || width > static_cast<int>(targets_max))
         return 2;
+    alarm(client_limit);
     // As the command's own main does on a host without an installation.
     std::signal(SIGPIPE, SIG_IGN);
     pthread_mutex_init(&mut_toflag, nullptr);

@@ -24,6 +24,12 @@ std::string with_unit(const std::string &text, const std::string &unit) {
     return unit.empty() ? text : text + " " + unit;
 }
 
+std::string limit_text(double limit, const std::string &unit) {
+    char text[64];
+    std::snprintf(text, sizeof(text), "at most %g", limit);
+    return with_unit(text, unit) + ": ";
+}
+
 std::array<const std::string *, columns> cells(const Row &row) {
     return {&row.name, &row.ours, &row.other, &row.ratio, &row.target};
 }
@@ -66,7 +72,7 @@ Row row_of(const Comparison &comparison) {
     const Spread ratio = spread_of(ratios);
     std::string target = "none";
     if (comparison.limit > 0)
-        target = "at most " + digits(comparison.limit) + ": " + verdict(ratio.median <= comparison.limit);
+        target = limit_text(comparison.limit, "") + verdict(ratio.median <= comparison.limit);
     return {.name = comparison.name,
             .ours = figure(spread_of(comparison.ours).median, comparison.unit),
             .other = comparison.other + ": " + figure(spread_of(comparison.others).median, comparison.unit),
@@ -80,8 +86,7 @@ Row row_of(const Bound &bound) {
             .ours = figure(spread, bound.unit),
             .other = "",
             .ratio = "",
-            .target =
-                "at most " + figure(bound.limit, bound.unit) + ": " + verdict(spread.median <= bound.limit)};
+            .target = limit_text(bound.limit, bound.unit) + verdict(spread.median <= bound.limit)};
 }
 
 void print(const std::vector<Row> &rows) {

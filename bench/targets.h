@@ -8,7 +8,8 @@
 
 inline constexpr std::size_t targets_max = 1024;
 inline constexpr char bench_script[] = "run.sh";
-inline constexpr int bench_timeout = 30; // seconds, above the longest delay of the peer
+inline constexpr int bench_timeout = 30;     // seconds, above the longest delay of the peer
+inline constexpr unsigned client_limit = 60; // seconds; a client that hangs is ended then
 
 struct TargetText {
     explicit TargetText(std::size_t index) {
