@@ -8,7 +8,7 @@ namespace {
 
 constexpr double pass_ms = 100; // the driver looks that often whether its workers have finished
 constexpr int start_rounds = 200;
-constexpr int request_rounds = 60;
+constexpr int request_rounds = 100;
 constexpr int pass_rounds = 20;
 constexpr std::size_t address_limit = 32; // of the command's option
 
