@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <malloc.h>
 #include <unistd.h>
 
 int main(int argc, char **argv) {
@@ -17,6 +18,7 @@ int main(int argc, char **argv) {
     alarm(client_limit);
     // As the command's own main does on a host without an installation.
     std::signal(SIGPIPE, SIG_IGN);
+    mallopt(M_ARENA_MAX, 1);
     pthread_mutex_init(&mut_toflag, nullptr);
     _rexec_standalone = 1;
     auto *info = static_cast<REXEC_INFO *>(std::calloc(1, rexec_info_size(width)));

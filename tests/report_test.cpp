@@ -1,4 +1,5 @@
 // Every result line and closing message, letter for letter.
+#include "rexec/output.h"
 #include "rexec/report.h"
 #include "support/capture.h"
 
@@ -7,6 +8,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <thread>
+
+#include <fcntl.h>
 
 namespace {
 
@@ -166,6 +170,45 @@ TEST(Report, LineOfANoticedMonitor) {
         EXPECT_EQ(rexec_clear_errcmd(answer), 0);
         EXPECT_EQ(out.text(), std::string("  0123456789abcdef0123456789abcdef\t: ") + text + "\n");
     }
+}
+
+// What another program made of the descriptor: a pipe that does not block and is read slowly.
+TEST(Report, NonBlockingPipeLosesNothing) {
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_CLOEXEC | O_NONBLOCK), 0);
+    fcntl(ends[0], F_SETFL, 0);
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    std::string received;
+    std::thread reader([&] {
+        char block[512];
+        for (ssize_t got = 0; (got = read(ends[0], block, sizeof(block))) > 0;)
+            received.append(block, static_cast<std::size_t>(got));
+    });
+    const int before = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    std::string wanted;
+    for (int i = 0; i < 2000; ++i) {
+        rexec_print_message(1);
+        wanted += "Invalid option.\n";
+    }
+    Output().print("%s", std::string(4000, 'x').c_str());
+    dup2(before, STDOUT_FILENO);
+    close(before);
+    close(ends[1]);
+    reader.join();
+    close(ends[0]);
+    EXPECT_TRUE(received == wanted + std::string(4000, 'x')) << received.size();
+}
+
+// A name from a peer must neither forge a line nor reach the terminal's controls.
+TEST(Report, ControlCharactersOfANameAreShownAsQuestionMarks) {
+    const std::unique_ptr<void, decltype(&std::free)> bytes(std::calloc(1, 264 + 312), std::free);
+    auto *answer = static_cast<ZYNEXEC_EXNOTICE_OUT_PARAM *>(bytes.get());
+    answer->monnum = 1;
+    std::strcpy(answer->mrwres[0].name, "m\n\x1b[2J\x7f\xc3\xa9");
+    const StdoutCapture out;
+    rexec_clear_errcmd(answer);
+    EXPECT_EQ(out.text(), "  m??[2J?\xc3\xa9\t: clear[Success]\n");
 }
 
 TEST(Report, NoDataIsTold) {

@@ -19,7 +19,7 @@ struct Finished {
 };
 
 // Where the program's standard output goes.
-enum class Stdout { captured, closed, reader_gone, all_closed };
+enum class Stdout { captured, closed, reader_gone, all_closed, inherited };
 
 class Program {
 public:

@@ -1,5 +1,5 @@
 // Lets calls of a program fail, as the environment variable ZYN_TEST_FAIL says: "calloc:3" the third
-// call, "pthread_create:all" every one. Linked with --wrap for both.
+// call, "pthread_create:all" every one. Linked with --wrap for each of them.
 #include <atomic>
 #include <cerrno>
 #include <cstdlib>
@@ -19,7 +19,8 @@ bool fails(const char *name, int number) {
     return std::strcmp(which, "all") == 0 || std::atoi(which) == number;
 }
 
-std::atomic<int> allocations = 0;
+std::atomic<int> callocs = 0;
+std::atomic<int> mallocs = 0;
 std::atomic<int> threads = 0;
 
 } // namespace
@@ -28,8 +29,16 @@ extern "C" {
 
 void *__real_calloc(std::size_t count, std::size_t size);
 void *__wrap_calloc(std::size_t count, std::size_t size) {
-    if (!fails("calloc", ++allocations))
+    if (!fails("calloc", ++callocs))
         return __real_calloc(count, size);
+    errno = ENOMEM;
+    return nullptr;
+}
+
+void *__real_malloc(std::size_t size);
+void *__wrap_malloc(std::size_t size) {
+    if (!fails("malloc", ++mallocs))
+        return __real_malloc(size);
     errno = ENOMEM;
     return nullptr;
 }

@@ -18,6 +18,7 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -64,7 +65,7 @@ int read_number_traced(const char *key, int otherwise, int level) {
 void fill_standard_descriptors() {
     for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd)
         if (fcntl(fd, F_GETFD) == -1 && errno == EBADF && open("/dev/null", O_RDWR) == -1)
-            return;
+            open("/", O_PATH); // a root without devices: the number is taken all the same
 }
 
 int bring_up_xml() {
@@ -257,8 +258,8 @@ void rexec_end(int code) {
 // Opened like fopen's mode "w", but never waiting: a FIFO that nobody reads must not hold up the
 // request, and a terminal does not become the command's own.
 void open_user_log() {
-    const int fd =
-        open(_rexec_logpath, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
+    const int fd = open(_rexec_logpath,
+                        O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, 0666);
     if (fd == -1)
         return;
     _rexec_pusrlogfd = fdopen(fd, "w");
@@ -266,10 +267,11 @@ void open_user_log() {
         close(fd);
         return;
     }
-    // What is not a file takes each line whole at once or loses it: half a buffer would tear one.
+    // A line leaves while its locks are held, so that the lines of two runs on one file stay whole. What
+    // is not a file takes each line at once or loses it: half a buffer would tear one.
     struct stat status = {};
-    if (fstat(fd, &status) != 0 || !S_ISREG(status.st_mode))
-        std::setvbuf(_rexec_pusrlogfd, nullptr, _IONBF, 0);
+    const bool is_file = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
+    std::setvbuf(_rexec_pusrlogfd, nullptr, is_file ? _IOLBF : _IONBF, is_file ? BUFSIZ : 0);
 }
 
 void close_user_log() {
@@ -332,6 +334,8 @@ int main(int argc, char **argv) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     fill_standard_descriptors();
+    // The threads allocate a few records each; a heap of its own for each of them would cost more.
+    mallopt(M_ARENA_MAX, 1);
     REXEC_ENTER();
     if (rexec_xml_init() != REXEC_SUCCESS) {
         REXEC_TRACE(4, "rexec_xml_init failed. execute standalone mode.");

@@ -5,7 +5,6 @@
 #include "trnexecscript.h"
 #include "trnsv.h"
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>

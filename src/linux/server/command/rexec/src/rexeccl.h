@@ -66,7 +66,7 @@ struct REXECCL_COMM_THREAD_INFO {
 };
 
 struct REXECCL_THREAD_INFO {
-    pthread_t tid; // worker of this connection
+    pthread_t tid; // request thread of this connection
     pthread_mutex_t procctlmutex;
     double progress;
     REXECCL_COMM_THREAD_INFO comm;

@@ -174,7 +174,7 @@ int rexec_multi_pthread_create(pthread_t *threads, void *(*worker)(void *), REXE
         if (first_error == 0)
             first_error = ret;
         threads[i] = 0;
-        rexec_report_notstarted(records[i]);
+        rexec_report_unconnected(records[i]);
         rexec_increment_toflag();
     }
     REXEC_EXIT(first_error);

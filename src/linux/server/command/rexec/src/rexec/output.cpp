@@ -2,6 +2,8 @@
 // are gone on with, so that no line is torn or lost while somebody reads.
 #include "rexec/output.h"
 
+#include "rexeccl/trace.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdarg>
@@ -13,9 +15,9 @@
 
 namespace {
 
-bool wait_until_writable(int fd) {
+void wait_until_writable(int fd) {
     struct pollfd waited = {.fd = fd, .events = POLLOUT, .revents = 0};
-    return poll(&waited, 1, -1) > 0 || errno == EINTR;
+    poll(&waited, 1, -1);
 }
 
 void write_all(int fd, const char *data, std::size_t size) {
@@ -25,9 +27,9 @@ void write_all(int fd, const char *data, std::size_t size) {
             data += written;
             size -= static_cast<std::size_t>(written);
         } else if (written < 0 && errno == EAGAIN) {
-            if (!wait_until_writable(fd))
-                return;
+            wait_until_writable(fd);
         } else if (written == 0 || errno != EINTR) {
+            REXEC_TRACE(1, "write() failed. (ret=%zd errno=%d)", written, errno);
             return;
         }
     }
@@ -35,13 +37,10 @@ void write_all(int fd, const char *data, std::size_t size) {
 
 } // namespace
 
-Output::Output() {
-    flockfile(stdout);
-}
-
 Output::~Output() {
     flush();
-    funlockfile(stdout);
+    if (locked_)
+        funlockfile(stdout);
 }
 
 void Output::print(const char *format, ...) {
@@ -50,8 +49,11 @@ void Output::print(const char *format, ...) {
     va_start(arguments, format);
     const int wanted = std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    if (wanted < 0)
+    if (wanted <= 0)
         return;
+    if (!locked_)
+        flockfile(stdout);
+    locked_ = true;
     const std::size_t length = std::min(static_cast<std::size_t>(wanted), sizeof(text) - 1);
     if (length > sizeof(buffer_) - used_)
         flush();

@@ -4,6 +4,7 @@
 #include "rexeccl/trace.h"
 
 #include <cstring>
+#include <initializer_list>
 
 #include <arpa/inet.h>
 

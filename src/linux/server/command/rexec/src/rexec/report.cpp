@@ -6,6 +6,7 @@
 #include "trnexecgrpfo.h"
 
 #include <array>
+#include <cctype>
 #include <cstdio>
 #include <cstring>
 
@@ -268,6 +269,18 @@ void print_preaction(Output &out, const TRNSV_MRW_OUT_INFO &monitor) {
         out.print("preaction script%s, ", find_text(preaction_texts, monitor.sresult, "[Unknown]"));
 }
 
+// A peer's name for a terminal: within its width, and without characters that could forge a line.
+struct PrintableName {
+    explicit PrintableName(const char (&name)[TRNSV_NAME_LEN]) {
+        const std::size_t length = strnlen(name, sizeof(name));
+        std::memcpy(text, name, length);
+        for (char &c : text)
+            if (c != '\0' && std::iscntrl(static_cast<unsigned char>(c)) != 0)
+                c = '?';
+    }
+    char text[TRNSV_NAME_LEN + 1] = {};
+};
+
 const char *action_text(const TRNSV_MRW_OUT_INFO &monitor) {
     if (monitor.acttype == TRANS_ACTTYPE_OTHER)
         return find_text(action_texts, monitor.action, "Unknown action");
@@ -275,9 +288,10 @@ const char *action_text(const TRNSV_MRW_OUT_INFO &monitor) {
 }
 
 void print_noticed_monitor(Output &out, const TRNSV_MRW_OUT_INFO &monitor) {
-    REXEC_TRACE(4, "\"%.32s\" res=%d, sres=%d, atype=%d, act=%d", monitor.name, monitor.result,
-                monitor.sresult, monitor.acttype, monitor.action);
-    out.print("  %.32s\t: ", monitor.name);
+    const PrintableName name(monitor.name);
+    REXEC_TRACE(4, "\"%s\" res=%d, sres=%d, atype=%d, act=%d", name.text, monitor.result, monitor.sresult,
+                monitor.acttype, monitor.action);
+    out.print("  %s\t: ", name.text);
     if (const char *skipped = find_text(skipped_monitor_texts, monitor.result, nullptr); skipped != nullptr) {
         out.print("%s", skipped);
         return;
@@ -430,9 +444,9 @@ int rexec_clear_errcmd(const ZYNEXEC_EXNOTICE_OUT_PARAM *data) {
         Output out;
         for (std::int32_t i = 0; i < data->monnum; ++i) {
             const TRNSV_MRW_OUT_INFO &monitor = data->mrwres[i];
-            REXEC_TRACE(4, "\"%.32s\" res=%d", monitor.name, monitor.result);
-            out.print("  %.32s\t: clear%s\n", monitor.name,
-                      find_text(clear_texts, monitor.result, "[Unknown]"));
+            const PrintableName name(monitor.name);
+            REXEC_TRACE(4, "\"%s\" res=%d", name.text, monitor.result);
+            out.print("  %s\t: clear%s\n", name.text, find_text(clear_texts, monitor.result, "[Unknown]"));
         }
     } else {
         REXEC_TRACE(4, "not receive out_data");

@@ -173,6 +173,7 @@ int connect_nodes(const REXEC_INFO *info, REXECCL_CONNECTION_INFO **connections,
     }
     if (const int ret = rexec_createnodelist(info, nodes); ret != REXEC_SUCCESS) {
         REXEC_TRACE(1, "rexec_getnodelist failed.(ret=%d)", ret);
+        rexec_report_unconnected(info);
         return ret;
     }
     int index = 0;
@@ -253,7 +254,7 @@ void *rexec_exec_clear(void *info) {
     end_worker(result);
 }
 
-void rexec_report_notstarted(const REXEC_INFO *info) {
+void rexec_report_unconnected(const REXEC_INFO *info) {
     REXEC_ENTER();
     REXECCL_NODE_INFO node = {};
     std::snprintf(node.szhost, sizeof(node.szhost), "%s", info->ipaddr[0]);

@@ -14,8 +14,8 @@ void *rexec_exec_exscript(void *info);
 void *rexec_exec_notice(void *info);
 void *rexec_exec_clear(void *info);
 
-// Tells the operator of a target whose worker could not be started.
-void rexec_report_notstarted(const REXEC_INFO *info);
+// Tells the operator of a worker's target that nothing could be tried for.
+void rexec_report_unconnected(const REXEC_INFO *info);
 
 // One more worker has finished or could not be started; and how many are.
 void rexec_increment_toflag();

@@ -32,7 +32,7 @@ using Owned = std::unique_ptr<T, Free>;
 
 // How one connect attempt went: its thread ended (then `ret` is its result), every try ran out of
 // time, or a thread could not be started or joined.
-struct Attempt {
+struct ConnectResult {
     enum { ended, timed_out, broken } how;
     std::int32_t ret;
 };
@@ -52,7 +52,7 @@ void abandon_connect(pthread_t tid, REXECCL_CNTD_PARAM_INFO *param, const char *
     param->sock = -1;
 }
 
-Attempt attempt_connect(REXECCL_CNTD_PARAM_INFO *param, const char *host) {
+ConnectResult attempt_connect(REXECCL_CNTD_PARAM_INFO *param, const char *host) {
     const std::int64_t tries = std::int64_t{std::max(_rexeccl_policy.connretry, 0)} + 1;
     for (std::int64_t i = 0; i < tries; ++i) {
         REXECCL_TRACE(4, "connect->%s/%d", param->ip, param->port);
@@ -65,7 +65,7 @@ Attempt attempt_connect(REXECCL_CNTD_PARAM_INFO *param, const char *host) {
         if (started != REXECCL_RET_SUCCESS) {
             REXECCL_TRACE(1, "rexeccl_create_thread() failed. (ret=%d host=%s port=%d)", started, host,
                           param->port);
-            return {Attempt::broken, started};
+            return {ConnectResult::broken, started};
         }
         if (rexeccl_wait_thread(tid, _rexeccl_policy.conntimeout) != REXECCL_RET_SUCCESS) {
             abandon_connect(tid, param, host);
@@ -74,11 +74,11 @@ Attempt attempt_connect(REXECCL_CNTD_PARAM_INFO *param, const char *host) {
         std::int32_t ret = REXECCL_RET_SUCCESS;
         if (const int error = rexeccl_join_thread(tid, &ret); error != 0) {
             REXECCL_TRACE(1, "pthread_join() failed. (host=%s errno=%d)", host, error);
-            return {Attempt::broken, REXECCL_RET_FAIL_UNKOWN};
+            return {ConnectResult::broken, REXECCL_RET_FAIL_UNKOWN};
         }
-        return {Attempt::ended, ret};
+        return {ConnectResult::ended, ret};
     }
-    return {Attempt::timed_out, REXECCL_RET_FAIL_TIMEOUT};
+    return {ConnectResult::timed_out, REXECCL_RET_FAIL_TIMEOUT};
 }
 
 std::int32_t try_addresses(const REXECCL_NODE_INFO *node, std::int32_t port, std::int32_t *sock_out,
@@ -93,10 +93,10 @@ std::int32_t try_addresses(const REXECCL_NODE_INFO *node, std::int32_t port, std
         const bool by_address = i < node->nipnum;
         param.ai_flags = by_address ? AI_NUMERICHOST : 0;
         std::snprintf(param.ip, sizeof(param.ip), "%s", by_address ? node->plan[i].szip : node->szhost);
-        const Attempt attempt = attempt_connect(&param, node->szhost);
-        if (attempt.how == Attempt::broken)
+        const ConnectResult attempt = attempt_connect(&param, node->szhost);
+        if (attempt.how == ConnectResult::broken)
             return REXECCL_RET_FAIL_UNKOWN;
-        if (attempt.how == Attempt::timed_out) {
+        if (attempt.how == ConnectResult::timed_out) {
             REXECCL_TRACE(2, "connect retry over. (host=%s retry=%d)", node->szhost,
                           _rexeccl_policy.connretry);
         } else if (attempt.ret == REXECCL_RET_SUCCESS) {

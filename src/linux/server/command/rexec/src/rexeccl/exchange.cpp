@@ -1,10 +1,10 @@
 // Requests on open connections.
 //
-// rexeccl_multi_execparam starts one worker a connection and joins them all; nobody cancels a worker.
-// A worker starts one communication thread, waits for it under the request's time limit, cancels it
-// when the time is up, and joins it in every case. Each record is written by one thread at a time: by
-// the worker before the start of the communication thread and after its join, by that thread in
-// between. So no lock is taken during an exchange.
+// rexeccl_multi_execparam starts one request thread a connection and joins them all; nobody cancels
+// them. A request thread starts one communication thread, waits for it under the request's time limit,
+// cancels it when the time is up, and joins it in every case. Each record is written by one thread at
+// a time: by the request thread before the start of the communication thread and after its join, by
+// that thread in between. So no lock is taken during an exchange.
 #include "rexeccl/exchange.h"
 
 #include "rexeccl/cancel.h"
@@ -169,8 +169,8 @@ std::int32_t run_request(REXECCL_CONNECTION_INFO *connection) {
     return ret;
 }
 
-// Starts the worker of each connection; returns 10 when none could be started, 7 when some could.
-std::int32_t start_workers(REXECCL_CONNECTION_INFO *handle) {
+// Starts the request thread of each connection; returns 10 when none could be started, 7 when some could.
+std::int32_t start_request_threads(REXECCL_CONNECTION_INFO *handle) {
     bool some_failed = false;
     bool some_started = false;
     for (REXECCL_CONNECTION_INFO *at = handle; at != nullptr; at = at->next) {
@@ -195,21 +195,21 @@ std::int32_t start_workers(REXECCL_CONNECTION_INFO *handle) {
     return some_started ? REXECCL_RET_FAIL_SERVER : REXECCL_RET_FAIL_UNKOWN;
 }
 
-std::int32_t join_worker(REXECCL_CONNECTION_INFO *connection) {
+std::int32_t join_request_thread(REXECCL_CONNECTION_INFO *connection) {
     const unsigned int tid = rexeccl_low32(connection->tdinfo.tid);
-    std::int32_t worker = REXECCL_RET_SUCCESS;
+    std::int32_t result = REXECCL_RET_SUCCESS;
     std::int32_t ret = REXECCL_RET_SUCCESS;
-    if (const int error = rexeccl_join_thread(connection->tdinfo.tid, &worker); error != 0) {
+    if (const int error = rexeccl_join_thread(connection->tdinfo.tid, &result); error != 0) {
         REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host_of(connection), tid,
                       error);
         connection->status = TRANS_RES_STAT_FAIL_UNKOWN;
         ret = REXECCL_RET_FAIL_SERVER;
-    } else if (worker != REXECCL_RET_SUCCESS) {
+    } else if (result != REXECCL_RET_SUCCESS) {
         if (connection->status == TRANS_RES_STAT_SUCCESS)
             connection->status = TRANS_RES_STAT_FAIL_UNKOWN;
         ret = REXECCL_RET_FAIL_SERVER;
     }
-    REXECCL_TRACE(4, "<<<execparam (tid=%#x host=%s ret=%d stat=%d)", tid, host_of(connection), worker,
+    REXECCL_TRACE(4, "<<<execparam (tid=%#x host=%s ret=%d stat=%d)", tid, host_of(connection), result,
                   connection->status);
     connection->tdinfo.tid = 0;
     return ret;
@@ -255,9 +255,9 @@ std::int32_t rexeccl_multi_execparam(REXECCL_CONNECTION_INFO *handle) {
         REXECCL_TRACE(1, "invalid parameter. (hdl=%#x)", 0U);
         ret = REXECCL_RET_FAIL_PARAMETER;
     } else {
-        ret = start_workers(handle);
+        ret = start_request_threads(handle);
         for (REXECCL_CONNECTION_INFO *at = handle; at != nullptr; at = at->next)
-            if (at->tdinfo.tid != 0 && join_worker(at) != REXECCL_RET_SUCCESS)
+            if (at->tdinfo.tid != 0 && join_request_thread(at) != REXECCL_RET_SUCCESS)
                 ret = REXECCL_RET_FAIL_SERVER;
     }
     REXECCL_TRACE(8, "end - (ret=%d)", ret);

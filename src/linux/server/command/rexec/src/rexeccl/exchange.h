@@ -9,5 +9,6 @@
 // its failure table. Returns a REXECCL_RET_* code.
 std::int32_t rexeccl_execparam(REXECCL_CONNECTION_INFO *connection);
 
-// Ends the communication thread of a cancelled worker and frees its packets.
+// Ends the communication thread of a request thread and frees its packets, where that thread were
+// cancelled: it keeps its cancellation off, so this is for callers that run rexeccl_execparam otherwise.
 void rexeccl_execparam_cleanup(REXECCL_CONNECTION_INFO *connection);

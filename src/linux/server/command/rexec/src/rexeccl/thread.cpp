@@ -103,7 +103,7 @@ bool has_ended(const End *end) {
 // Sleeps until the thread has told its end or the monotonic clock reaches `until`, null for no limit.
 void sleep_until(End *end, const struct timespec *until) {
     long ret = 0;
-    while (!has_ended(end) && (ret == 0 || errno != ETIMEDOUT))
+    while (!has_ended(end) && (ret == 0 || errno == EINTR || errno == EAGAIN))
         ret = syscall(SYS_futex, &end->ended, FUTEX_WAIT_BITSET_PRIVATE, 0, until, nullptr,
                       FUTEX_BITSET_MATCH_ANY);
 }
@@ -119,6 +119,12 @@ void *run_body(void *argument) {
 std::int32_t read_clktck() {
     const long ticks = sysconf(_SC_CLK_TCK);
     return ticks > 0 ? static_cast<std::int32_t>(ticks) : default_clktck;
+}
+
+// A host may forbid this user to set even the default scheduling; the thread then inherits its own.
+int create_with(const pthread_attr_t *attr, End *end, pthread_t *tid_out) {
+    const int error = pthread_create(tid_out, attr, run_body, end);
+    return error == EPERM ? pthread_create(tid_out, nullptr, run_body, end) : error;
 }
 
 struct timespec monotonic_after(std::int64_t ticks, std::int32_t per_second) {
@@ -199,7 +205,7 @@ std::int32_t rexeccl_create_thread(std::int32_t (*body)(void *), const pthread_a
     REXECCL_TRACE(8, "start - (attr=%p arg=%p)", static_cast<const void *>(attr), argument);
     std::int32_t ret = REXECCL_RET_SUCCESS;
     End *end = make_end(body, argument);
-    const int error = end == nullptr ? ENOMEM : pthread_create(tid_out, attr, run_body, end);
+    const int error = end == nullptr ? ENOMEM : create_with(attr, end, tid_out);
     if (error == 0) {
         end->tid = *tid_out;
         enter_table(end);

@@ -19,8 +19,8 @@ void rexeccl_mod_term();
 std::int32_t rexeccl_set_thattr_joinable(pthread_attr_t *attr);
 std::int32_t rexeccl_set_thattr_detached(pthread_attr_t *attr);
 
-// Starts `body` with cancellation deferred and off, and puts its id into *tid_out. Returns 0 or
-// REXECCL_RET_FAIL_UNKOWN. A joinable thread is ended with rexeccl_join_thread.
+// Starts `body` with cancellation deferred and off, and puts its id into *tid_out. `attr` makes it
+// joinable: every thread is ended with rexeccl_join_thread. Returns 0 or REXECCL_RET_FAIL_UNKOWN.
 std::int32_t rexeccl_create_thread(std::int32_t (*body)(void *), const pthread_attr_t *attr, void *argument,
                                    pthread_t *tid_out);
 

@@ -106,6 +106,10 @@ void write_user_log(std::int32_t level, const char *source_file, std::int32_t li
 
 } // namespace
 
+bool rexeccl_tracing() {
+    return _rexec_ploghandle != nullptr || _rexec_pusrlogfd != nullptr;
+}
+
 void rexeccl_double_percent(const char *text, char *doubled, std::size_t size) {
     std::size_t at = 0;
     while (*text != '\0') {
@@ -125,7 +129,7 @@ void rexeccl_double_percent(const char *text, char *doubled, std::size_t size) {
 
 void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, const char *function,
                 const char *format, ...) {
-    if ((_rexec_ploghandle == nullptr && _rexec_pusrlogfd == nullptr) || format == nullptr)
+    if (!rexeccl_tracing() || format == nullptr)
         return;
     const CancelDisabled whole_line;
     const int caller_errno = errno;

@@ -15,7 +15,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 
 #include <poll.h>
@@ -26,17 +25,17 @@ namespace {
 constexpr std::size_t header_size = sizeof(TRANS_PACKET_HEADER_INFO);
 constexpr int select_ms = 1000;
 
-// The time of day for a trace line.
-struct TimeText {
-    TimeText() {
-        const std::time_t now = std::time(nullptr);
-        struct tm local = {};
-        if (localtime_r(&now, &local) == nullptr ||
-            std::strftime(text, sizeof(text), "%H:%M:%S", &local) == 0)
-            std::strcpy(text, "????");
-    }
-    char text[16];
-};
+// Traces that a part of a packet is complete, with the time of day.
+void trace_completed(const char *part, std::int32_t sock) {
+    if (!rexeccl_tracing())
+        return;
+    const std::time_t now = std::time(nullptr);
+    struct tm local = {};
+    char text[16] = "????";
+    if (localtime_r(&now, &local) != nullptr)
+        std::strftime(text, sizeof(text), "%H:%M:%S", &local);
+    REXECCL_TRACE(8, "%s completed. (sock=%d time=%s)", part, sock, text);
+}
 
 // A configured piece size that makes no sense must not stop an exchange.
 std::size_t piece_size(std::int32_t configured, std::int32_t otherwise) {
@@ -76,7 +75,7 @@ bool recv_header(std::int32_t sock, TRANS_PACKET_HEADER_INFO *header) {
                       received);
         have += static_cast<std::size_t>(received);
     }
-    REXECCL_TRACE(8, "header completed. (sock=%d time=%s)", sock, TimeText().text);
+    trace_completed("header", sock);
     return true;
 }
 
@@ -100,7 +99,7 @@ bool recv_variable(std::int32_t sock, TRANS_PACKET_INFO *packet) {
                       wanted, received, all);
         have += static_cast<std::size_t>(received);
     }
-    REXECCL_TRACE(8, "variable completed. (sock=%d time=%s)", sock, TimeText().text);
+    trace_completed("variable", sock);
     return true;
 }
 
