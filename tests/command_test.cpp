@@ -1,5 +1,6 @@
 // The real command, run as a user runs it.
 #include "support/capture.h"
+#include "support/folder.h"
 #include "support/rehearsal_peer.h"
 #include "support/run.h"
 
@@ -21,19 +22,6 @@ namespace {
 
 using rehearsal::Server;
 using namespace std::chrono_literals;
-
-// A folder that goes with the test.
-struct Folder {
-    Folder() {
-        char name[] = "/tmp/zynrexec-test-XXXXXX";
-        path = mkdtemp(name);
-    }
-    ~Folder() { std::filesystem::remove_all(path); }
-    Folder(const Folder &) = delete;
-    Folder &operator=(const Folder &) = delete;
-    std::string operator/(const std::string &name) const { return path + "/" + name; }
-    std::string path;
-};
 
 std::string read_file(const std::string &path) {
     std::ifstream file(path);

@@ -1,6 +1,7 @@
 // The command line: one row a line of words, and what the record holds afterwards.
 #include "rexec/option.h"
 #include "support/capture.h"
+#include "support/rows.h"
 
 #include <gtest/gtest.h>
 
@@ -38,95 +39,10 @@ Record make_record(int maxsrvnum) {
     return info;
 }
 
-std::string repeat(const char *text, int count) {
-    std::string result;
-    for (int i = 0; i < count; ++i)
-        result += text;
-    return result;
-}
-
-struct Row {
-    std::string words;
-    int ret;
-};
-
-const std::string x31 = repeat("x", 31);
-const std::string x32 = repeat("x", 32);
-
 TEST(Option, LineIsAcceptedOrRefused) {
-    const std::vector<Row> rows = {
-        {"--failover g", 0},
-        {"--FAILOVER g -H 10.0.0.1", 0},
-        {"--failover -r rsc1 -h 10.0.0.1", 0},
-        {"--failover " + x31, 0},
-        {"--failover " + x32, 1},
-        {"--failover", 1},
-        {"--failover g -r r", 1},
-        {"--failover g -k c", 1},
-        {"--failover -k c", 1},
-        {"--failover g --failover g", 1},
-        {"--failover g --clear", 1},
-        {"--failove g", 1},
-        {"--failover g stray", 1},
-        {"--failover -r " + x31, 0},
-        {"--failover -r " + x32, 1},
-        {"--failover -r a -r b", 1},
-        {"--failover -r", 1},
-        {"--failover -r a -k b", 1},
-        {"--script run.sh", 0},
-        {"--script " + repeat("s", 1023), 0},
-        {"--script " + repeat("s", 1024), 1},
-        {"--script dir/run.sh", 1},
-        {"--script", 1},
-        {"--script -h 10.0.0.1", 1},
-        {"--script run.sh -r x", 1},
-        {"--script run.sh -k x", 1},
-        {"--notice mon1", 0},
-        {"--notice mon1 -k cat", 1},
-        {"--notice -k cat.key -h 10.0.0.1", 0},
-        {"--notice", 1},
-        {"--notice mon1 -r r", 1},
-        {"--clear mon1", 0},
-        {"--clear -k cat", 0},
-        {"--clear -k a.b.c", 1},
-        {"--clear -k .key", 0},
-        {"--clear -k " + repeat("c", 127), 0},
-        {"--clear -k " + repeat("c", 128), 1},
-        {"--clear -k " + repeat("c", 127) + "." + repeat("k", 1023), 0},
-        {"--clear -k c." + repeat("k", 1024), 1},
-        {"--clear -k a -k b", 1},
-        {"--failover g -h 10.0.0.1,,10.0.0.2", 1},
-        {"--failover g -h 10.0.0.1,", 1},
-        {"--failover g -h ,10.0.0.1", 1},
-        {"--failover g -h ~", 1},
-        {"--failover g -h -x", 1},
-        {"--failover g -h a -h b", 1},
-        {"--failover g -h", 1},
-        {"--failover g -h " + repeat("a", 45), 0},
-        {"--failover g -h " + repeat("a", 46), 1},
-        {"--failover g -h a" + repeat(",a", 31), 0},
-        {"--failover g -h a" + repeat(",a", 32), 1},
-        {"--failover g -p 0x10 -w 010", 0},
-        {"--failover g -p 1 -p 2", 1},
-        {"--failover g -w 1 -w 2", 1},
-        {"--failover g -o a -o b", 1},
-        {"--failover g -w 5s", 1},
-        {"--failover g -w 2147483647", 0},
-        {"--failover g -w 2147483648", 1},
-        {"--failover g -w 00000000005", 1},
-        {"--failover g -w ~ -p ~", 0},
-        {"--failover g -p -1", 1},
-        {"--failover g -o " + repeat("o", 1023), 0},
-        {"--failover g -o " + repeat("o", 1024), 1},
-        {"-h 10.0.0.1", 1},
-        {"", 1},
-        {"--help", 100},
-        {"--failover g -h a --help --nonsense", 100},
-        {"--nonsense --help", 1},
-    };
-    for (const Row &row : rows) {
+    for (const Row &row : read_rows("options.txt", 2)) {
         const Record info = make_record(32);
-        EXPECT_EQ(parse(row.words, info.get()), row.ret) << row.words;
+        EXPECT_EQ(parse(row[1], info.get()), std::stoi(row[0])) << row[1];
     }
 }
 

@@ -1,12 +1,12 @@
 // The rehearsal server as its peers see it: bytes sent by hand over real sockets, and what comes back.
 #include "server.h"
+#include "support/folder.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <fstream>
 #include <system_error>
 
 #include <arpa/inet.h>
@@ -22,7 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using rehearsal::Server;
-namespace fs = std::filesystem;
 using Words =
     std::vector<std::pair<std::size_t, std::uint32_t>>; // offsets in an answer and what stands there
 
@@ -117,31 +116,9 @@ struct Client {
     int error = 0; // of the last connect or read
 };
 
-struct Folder {
-    Folder() { path = ::mkdtemp(path.data()) + "/"s; }
-    ~Folder() { fs::remove_all(path); }
-    std::string write(const std::string &name, const std::string &content, mode_t mode = 0644) const {
-        std::ofstream(path + name) << content;
-        ::chmod((path + name).c_str(), mode);
-        return path + name;
-    }
-    std::string path = "/tmp/rehearsal_test.XXXXXX";
-};
-
-const char *const cluster_text = R"(<cluster version="v" edition="e" cluster-version="c">
-  <group name="g1"><resource name="r1"/></group> <group name="g2" online="no"><resource name="r2"/></group>
-  <group name="g3" status="32"/> <group name="g4" delay="9000"/> <group name="g1" at="127.0.0.2" online="no"/>
-  <monitor name="m1" category="A" keyword="k" acttype="other" action="5" result="33"><preaction status="0" exitcode="4"/></monitor>
-  <monitor name="m2" category="A" active="no"/> <monitor name="m3" category="B" error="yes" clear-result="30"/>
-  <scripts><script name="s" exitcode="3"/><script name="x" executable="no"/><script name="f" status="29"/></scripts>
-  <client address="127.0.0.9" permitted="no"/> <server address="127.0.0.3" busy="yes"/>
-  <answer request="notice" at="127.0.0.2" status="-5"/>
-</cluster>)";
-
 TEST(Rehearsal, AnswersAccordingToTheStateOfTheCluster) {
-    const Folder folder;
     Server server({.addresses = {"127.0.0.1", "127.0.0.2", "127.0.0.3"},
-                   .cluster_file = folder.write("c.xml", cluster_text)});
+                   .cluster_file = ZYN_TEST_DATA "/rehearsal.xml"});
     server.start();
     struct Row { // in order: some change what later ones meet
         const char *name;
@@ -258,8 +235,7 @@ TEST(Rehearsal, ShowsFaults) {
         {"check-busy", check, 76, End::kept, {{64, 9}}},
         {"status:27", script("s"), 76, End::kept, {{64, 27}, {72, 0}}},
     };
-    const Folder folder;
-    rehearsal::Options options{.addresses = {}, .cluster_file = folder.write("c.xml", cluster_text)};
+    rehearsal::Options options{.addresses = {}, .cluster_file = ZYN_TEST_DATA "/rehearsal.xml"};
     for (const Row &row : rows) { // each on its own address
         options.addresses.push_back("127.0.2." + std::to_string(options.addresses.size() + 1));
         options.faults.emplace_back(options.addresses.back(), row.fault);
@@ -341,8 +317,8 @@ TEST(Rehearsal, RunsScriptsAndKillsThemWithTheirChildren) {
     folder.write("broken", "#!/no/such/interpreter\n", 0755);
     // The child keeps the pipe open until it ends too.
     folder.write("hangs", "#!/bin/sh\nexec 9>pipe\necho >&9\nsleep 1000 &\nwait\n", 0755);
-    fs::create_symlink(elsewhere.write("outside", "#!/bin/sh\n", 0755), folder.path + "link");
-    ASSERT_EQ(::mkfifo((folder.path + "pipe").c_str(), 0600), 0);
+    std::filesystem::create_symlink(elsewhere.write("outside", "#!/bin/sh\n", 0755), folder / "link");
+    ASSERT_EQ(::mkfifo((folder / "pipe").c_str(), 0600), 0);
     rehearsal::Options options{.real_scripts = true};
     options.cluster.script_directory = folder.path;
     Server server(options);
@@ -366,7 +342,7 @@ TEST(Rehearsal, RunsScriptsAndKillsThemWithTheirChildren) {
     }
     Client client(server);
     for (const std::uint32_t limit : {1U, 0U}) { // without a limit it runs until the server stops
-        const int pipe = ::open((folder.path + "pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+        const int pipe = ::open((folder / "pipe").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
         client.send(script("hangs", limit));
         ASSERT_TRUE(wait_pipe(pipe, POLLIN));
         char byte = 0;

@@ -2,6 +2,7 @@
 #include "rexec/output.h"
 #include "rexec/report.h"
 #include "support/capture.h"
+#include "support/rows.h"
 
 #include <gtest/gtest.h>
 
@@ -32,59 +33,26 @@ REXECCL_CONNECTION_INFO connection(std::int32_t status, REXECCL_CONNECTION_INFO 
     return at;
 }
 
-struct StatusRow {
-    std::int32_t status;
-    bool named; // a group or monitor name was given
-    const char *traced;
-    const char *rest; // of the line, behind "MRW_NOTICE 10.0.0.1 : "
-    int ret;
-};
-
 TEST(Report, ResultLineOfEveryStatus) {
-    const std::vector<StatusRow> rows = {
-        {0, false, "I execparam success.(10.0.0.1)", "Success \n", 0},
-        {1, false, "I execparam success.(10.0.0.1)", "Success \n", 0},
-        {2, false, "E RequestID not exist.(10.0.0.1)", "Invalid option. \n", 1},
-        {22, true, "E grp is not active(10.0.0.1).", "Group(tgt) is offline. \n", 22},
-        {22, false, "E grp is not active(10.0.0.1).",
-         "Group that specified resource(tgt) belongs to is offline. \n", 22},
-        {24, true, "E Specified rsc is not exist.", "Specified resource(tgt) does not exist. \n", 22},
-        {24, false, "E Specified rsc is not exist.",
-         "Specified resource(Category:tgt, Keyword:kw) does not exist. \n", 22},
-        {25, false, "E Specified Script not exist.(10.0.0.1)", "Specified script(run.sh) does not exist. \n",
-         22},
-        {26, false, "E Specified script is not executable.(10.0.0.1)",
-         "Specified script(run.sh) is not executable. \n", 22},
-        {28, false, "E No permition.(10.0.0.1)", "This server is not permitted to execute zynrexec. \n", 22},
-        {29, false, "E request failed in execute.", "Notice failed in execute. \n", 22},
-        {31, false, "E Specified grp is not exist.", "Specified group(tgt) does not exist. \n", 22},
-        {9, false, "E sv0=10.0.0.1 status=0x9", "Busy.\n", 12},
-        {15, false, "E sv0=10.0.0.1 status=0xf", "Not exist file.\n", 12},
-        {16, false, "E sv0=10.0.0.1 status=0x10", "No free space.\n", 12},
-        {27, false, "E sv0=10.0.0.1 status=0x1b", "Timeout.\n", 12},
-        {8, false, "E sv0=10.0.0.1 status=0x8", "Failed.\n", 12},
-        {-1, false, "E sv0=10.0.0.1 status=0xffffffff", "Failed.\n", 12},
-        {4711, false, "E sv0=10.0.0.1 status=0x1267", "Failed.\n", 12},
-    };
-    for (const StatusRow &row : rows) {
+    for (const Row &row : read_rows("result_lines.txt", 6)) {
         const TraceCapture trace;
         const StdoutCapture out;
         REXEC_INFO *info = request("zynexecnotice");
-        info->grpspecify = info->monspecify = row.named ? 1 : 0;
-        const REXECCL_CONNECTION_INFO at = connection(row.status);
-        EXPECT_EQ(rexec_trnerrcmd(info, &at), row.ret) << row.status;
-        EXPECT_EQ(out.text(), std::string("MRW_NOTICE 10.0.0.1 : ") + row.rest);
-        EXPECT_EQ(trace.count(row.traced), 1) << row.traced;
+        info->grpspecify = info->monspecify = std::stoi(row[1]);
+        const REXECCL_CONNECTION_INFO at = connection(std::stoi(row[0]));
+        EXPECT_EQ(rexec_trnerrcmd(info, &at), std::stoi(row[2])) << row[0];
+        EXPECT_EQ(out.text(), "MRW_NOTICE 10.0.0.1 : " + row[4] + "\n");
+        EXPECT_EQ(trace.count(row[3]), 1) << row[3];
         EXPECT_EQ(trace.count("I not recv out_data((nil), size=0)"), 1);
     }
 }
 
 TEST(Report, ResultOfSeveralConnections) {
-    struct Row {
+    struct Pair {
         int first, second, ret;
     };
-    for (const Row &row : {Row{9, 9, 12}, Row{9, 22, 22}, Row{9, 2, 22}, Row{2, 2, 1}, Row{22, 31, 22},
-                           Row{0, 9, 0}, Row{9, 0, 0}, Row{2, 0, 0}}) {
+    for (const Pair &row : {Pair{9, 9, 12}, Pair{9, 22, 22}, Pair{9, 2, 22}, Pair{2, 2, 1}, Pair{22, 31, 22},
+                            Pair{0, 9, 0}, Pair{9, 0, 0}, Pair{2, 0, 0}}) {
         const StdoutCapture out;
         REXECCL_CONNECTION_INFO second = connection(row.second);
         const REXECCL_CONNECTION_INFO first = connection(row.first, &second);
@@ -108,64 +76,25 @@ TEST(Report, LabelsAndWords) {
     }
 }
 
-struct MonitorRow {
-    std::int32_t result, sresult, sreturn, acttype, action;
-    const char *text;
-};
-
 TEST(Report, LineOfANoticedMonitor) {
-    std::vector<MonitorRow> rows = {
-        {35, 0, 0, 0, 0, "monitor not active, do not action"},
-        {36, 0, 0, 0, 0, "already error status, do not action"},
-        {6, 0, 0, 0, 0, "invalid config"},
-        {0, 0, 0, 1, 0, "preaction script[Executed(exitcode=0)], Failover[Success]"},
-        {29, 0, -1, 0, 0, "preaction script[Executed(exitcode=-1)], Restart[Failure]"},
-        {32, 25, 0, 3, 0, "preaction script[File not exists], Recovery Script[Failure in several servers]"},
-        {33, 26, 0, 4, 0, "preaction script[Permission denied], Unknown action[Doing]"},
-        {37, 29, 0, -1, 0, "preaction script[Cannot Executed], Unknown action[Timeout]"},
-        {99, 37, 0, 2, 1, "preaction script[Timeout], Do nothing[Not Executed(Recovery Action Disabled)]"},
-        {7, 99, 0, 2, 2, "preaction script[Not Executed(Recovery Action Disabled)], Stop group[Unknown]"},
-        {0, 1, 0, 2, 3, "preaction script[Unknown], Stop the cluster[Success]"},
-    };
-    const std::vector<std::pair<int, const char *>> actions = {{0, "Unknown action"},
-                                                               {4, "Stop the system"},
-                                                               {5, "Reboot the system"},
-                                                               {6, "Unknown action"},
-                                                               {7, "Unknown action"},
-                                                               {8, "Panic by sysrq"},
-                                                               {9, "Reset by keepalive driver"},
-                                                               {10, "Panic by keepalive driver"},
-                                                               {11, "Reset by BMC"},
-                                                               {12, "Power down by BMC"},
-                                                               {13, "Power cycle by BMC"},
-                                                               {14, "NMI sent by BMC"},
-                                                               {15, "I/O Fencing"},
-                                                               {16, "Stop resource"},
-                                                               {17, "Unknown action"}};
-    const std::size_t size = 264 + 312;
-    const std::unique_ptr<void, decltype(&std::free)> bytes(std::calloc(1, size), std::free);
+    const std::unique_ptr<void, decltype(&std::free)> bytes(std::calloc(1, 264 + 312), std::free);
     auto *answer = static_cast<ZYNEXEC_EXNOTICE_OUT_PARAM *>(bytes.get());
     answer->monnum = 1;
-    const auto told = [&](const MonitorRow &row) {
+    TRNSV_MRW_OUT_INFO &monitor = answer->mrwres[0];
+    std::memcpy(monitor.name, "0123456789abcdef0123456789abcdef", 32); // fills its width
+    for (const Row &row : read_rows("monitor_lines.txt", 6)) {
         const StdoutCapture out;
-        TRNSV_MRW_OUT_INFO &monitor = answer->mrwres[0];
-        std::memcpy(monitor.name, "0123456789abcdef0123456789abcdef", 32); // fills its width
-        monitor.result = row.result;
-        monitor.sresult = row.sresult;
-        monitor.sreturn = row.sreturn;
-        monitor.acttype = row.acttype;
-        monitor.action = row.action;
+        monitor.result = std::stoi(row[0]);
+        monitor.sresult = std::stoi(row[1]);
+        monitor.sreturn = std::stoi(row[2]);
+        monitor.acttype = std::stoi(row[3]);
+        monitor.action = std::stoi(row[4]);
         EXPECT_EQ(rexec_notice_errcmd(answer), 0);
-        return out.text();
-    };
-    for (const MonitorRow &row : rows)
-        EXPECT_EQ(told(row), std::string("  0123456789abcdef0123456789abcdef\t: ") + row.text + "\n");
-    for (const auto &[action, text] : actions)
-        EXPECT_EQ(told({0, 38, 0, 2, action, ""}),
-                  std::string("  0123456789abcdef0123456789abcdef\t: ") + text + "[Success]\n");
+        EXPECT_EQ(out.text(), "  0123456789abcdef0123456789abcdef\t: " + row[5] + "\n");
+    }
     for (const auto &[result, text] : std::vector<std::pair<int, const char *>>{
              {0, "clear[Success]"}, {39, "clear[Failure]"}, {29, "clear[Unknown]"}}) {
-        answer->mrwres[0].result = result;
+        monitor.result = result;
         const StdoutCapture out;
         EXPECT_EQ(rexec_clear_errcmd(answer), 0);
         EXPECT_EQ(out.text(), std::string("  0123456789abcdef0123456789abcdef\t: ") + text + "\n");

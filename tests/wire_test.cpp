@@ -19,7 +19,7 @@ namespace {
 // The packets of tests/data/packets.txt by name; "00*16" is a run of bytes.
 std::map<std::string, std::string> read_packets() {
     std::map<std::string, std::string> packets;
-    std::ifstream file(ZYN_PACKETS);
+    std::ifstream file(ZYN_TEST_DATA "/packets.txt");
     std::string name;
     for (std::string line; std::getline(file, line);) {
         if (line.empty() || line.front() == '#')
