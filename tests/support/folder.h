@@ -9,7 +9,10 @@
 #include <sys/stat.h>
 
 struct Folder {
-    Folder() { mkdtemp(path.data()); }
+    Folder() {
+        if (mkdtemp(path.data()) == nullptr)
+            std::abort();
+    }
     ~Folder() { std::filesystem::remove_all(path); }
     Folder(const Folder &) = delete;
     Folder &operator=(const Folder &) = delete;
