@@ -174,9 +174,12 @@ int rexec_multi_pthread_create(pthread_t *threads, void *(*worker)(void *), REXE
         if (first_error == 0)
             first_error = ret;
         threads[i] = 0;
-        rexec_report_unconnected(records[i]);
         rexec_increment_toflag();
     }
+    // Told when all have been started: a stalled reader of the lines must not keep a worker from it.
+    for (int i = 0; i < count; ++i)
+        if (threads[i] == 0)
+            rexec_report_unconnected(records[i]);
     REXEC_EXIT(first_error);
     return first_error;
 }

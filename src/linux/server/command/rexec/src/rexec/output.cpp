@@ -15,9 +15,9 @@
 
 namespace {
 
-void wait_until_writable(int fd) {
+bool wait_until_writable(int fd) {
     struct pollfd waited = {.fd = fd, .events = POLLOUT, .revents = 0};
-    poll(&waited, 1, -1);
+    return poll(&waited, 1, -1) > 0 || errno == EINTR;
 }
 
 void write_all(int fd, const char *data, std::size_t size) {
@@ -26,9 +26,7 @@ void write_all(int fd, const char *data, std::size_t size) {
         if (written > 0) {
             data += written;
             size -= static_cast<std::size_t>(written);
-        } else if (written < 0 && errno == EAGAIN) {
-            wait_until_writable(fd);
-        } else if (written == 0 || errno != EINTR) {
+        } else if (written == 0 || (errno != EINTR && (errno != EAGAIN || !wait_until_writable(fd)))) {
             REXEC_TRACE(1, "write() failed. (ret=%zd errno=%d)", written, errno);
             return;
         }
