@@ -1,6 +1,7 @@
 // The log library: every module hands its messages to the cluster's event daemon through it.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 // Levels of a message. A message is kept when its level is not above the level of the handle.
@@ -53,3 +54,36 @@ std::int32_t log_write(void *phandle, std::int32_t level, std::int32_t eid, cons
 // Announces the module's end to the event daemon and frees the handle.
 // Returns LOG_OK, or LOG_ERR_PARAMETER for a null handle.
 std::int32_t log_term(void *phandle);
+
+// Copies a finished text into `doubled` of `size` bytes and doubles each per cent sign that is not half of
+// a "%%", for callers that hand finished text to log_write as its format: no conversion is left in it.
+// Cuts what does not fit; twice the size of the text holds any.
+inline void log_double_percent(const char *text, char *doubled, std::size_t size) {
+    std::size_t at = 0;
+    while (*text != '\0') {
+        const bool sign = *text == '%';
+        if (at + (sign ? 2 : 1) >= size)
+            break;
+        doubled[at++] = *text;
+        if (sign) {
+            doubled[at++] = '%';
+            if (text[1] == '%')
+                ++text;
+        }
+        ++text;
+    }
+    doubled[at] = '\0';
+}
+
+// Writes a finished text of at most 4095 bytes as one message, through log_write's format argument. The
+// one place where a format is data: no conversion is left in it.
+inline std::int32_t log_write_text(void *phandle, std::int32_t level, const char *filename, std::int32_t line,
+                                   const char *func, const char *text) {
+    char doubled[2 * 4096];
+    log_double_percent(text, doubled, sizeof(doubled));
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+#pragma GCC diagnostic ignored "-Wformat-security"
+    return log_write(phandle, level, 0, filename, line, func, doubled);
+#pragma GCC diagnostic pop
+}

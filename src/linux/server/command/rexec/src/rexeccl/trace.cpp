@@ -41,17 +41,6 @@ const char *last_component(const char *path) {
     return slash == nullptr ? path : slash + 1;
 }
 
-// The finished line is data, and the log library takes it as its format: the per cent signs have
-// been doubled by the caller.
-void hand_to_log_library(std::int32_t level, const char *source_file, std::int32_t line, const char *function,
-                         const char *finished) {
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-#pragma GCC diagnostic ignored "-Wformat-security"
-    log_write(_rexec_ploghandle, level, 0, source_file, line, function, finished);
-#pragma GCC diagnostic pop
-}
-
 // A record lock over the whole file keeps the lines of several processes apart.
 class FileLock {
 public:
@@ -110,23 +99,6 @@ bool rexeccl_tracing() {
     return _rexec_ploghandle != nullptr || _rexec_pusrlogfd != nullptr;
 }
 
-void rexeccl_double_percent(const char *text, char *doubled, std::size_t size) {
-    std::size_t at = 0;
-    while (*text != '\0') {
-        const bool sign = *text == '%';
-        if (at + (sign ? 2 : 1) >= size)
-            break;
-        doubled[at++] = *text;
-        if (sign) {
-            doubled[at++] = '%';
-            if (text[1] == '%')
-                ++text;
-        }
-        ++text;
-    }
-    doubled[at] = '\0';
-}
-
 void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, const char *function,
                 const char *format, ...) {
     if (!rexeccl_tracing() || format == nullptr)
@@ -138,11 +110,8 @@ void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, 
     va_start(arguments, format);
     std::vsnprintf(message, sizeof(message), format, arguments);
     va_end(arguments);
-    if (_rexec_ploghandle != nullptr) {
-        char doubled[2 * message_size];
-        rexeccl_double_percent(message, doubled, sizeof(doubled));
-        hand_to_log_library(level, source_file, line, function, doubled);
-    }
+    if (_rexec_ploghandle != nullptr)
+        log_write_text(_rexec_ploghandle, level, source_file, line, function, message);
     if (_rexec_pusrlogfd != nullptr)
         write_user_log(level, source_file, line, function, message);
     errno = caller_errno;

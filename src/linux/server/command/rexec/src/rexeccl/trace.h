@@ -17,10 +17,6 @@ void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, 
 // Whether a trace line would be written anywhere; for arguments that cost something to make.
 bool rexeccl_tracing();
 
-// Copies `text` into `doubled` of `size` bytes and doubles each per cent sign that is not half of a
-// "%%", so that a printf-style reader finds no conversion in it. Cuts what does not fit.
-void rexeccl_double_percent(const char *text, char *doubled, std::size_t size);
-
 // The low 32 bits of a pointer or a thread id, for texts that print it with %#x.
 template <typename T>
 unsigned int rexeccl_low32(T value) {

@@ -1,0 +1,419 @@
+// Queries by path. The trees are only read; a query needs no memory besides its record array.
+#include "xmlin/query.h"
+
+#include "trace.h"
+#include "xmllib.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <climits>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+namespace {
+
+constexpr int name_limit = 32;  // for the counter of a step's name
+constexpr int attr_limit = 256; // for the counter of an attribute value
+constexpr std::size_t value_size = 1024;
+constexpr int list_slot_size = 256;
+
+struct Free {
+    void operator()(ZYNXML_ELEMENT *records) const { std::free(records); }
+};
+using Records = std::unique_ptr<ZYNXML_ELEMENT, Free>;
+
+// A text that ends at its NUL or at the end of its field.
+template <std::size_t N>
+std::string_view text_of(const char (&field)[N]) {
+    return {field, strnlen(field, N)};
+}
+
+std::string_view text_of(const xmlChar *text) {
+    return text != nullptr ? std::string_view(reinterpret_cast<const char *>(text)) : std::string_view();
+}
+
+// The value text of an element's first attribute; null when it has none.
+const xmlChar *first_attribute(const xmlNode *node) {
+    if (node->properties == nullptr || node->properties->children == nullptr)
+        return nullptr;
+    return node->properties->children->content;
+}
+
+bool matches(const xmlNode *node, const ZYNXML_ELEMENT &record, bool compare_attr) {
+    if (node->type != XML_ELEMENT_NODE || text_of(node->name) != text_of(record.name))
+        return false;
+    if (!compare_attr || record.attr[0] == '\0')
+        return true;
+    const xmlChar *value = first_attribute(node);
+    return value != nullptr && text_of(value) == text_of(record.attr);
+}
+
+// The scan over a path: the record and the field that the next text goes into.
+struct Split {
+    ZYNXML_ELEMENT *record;
+    bool in_attr = false;
+    int counter = 0; // characters since the last separator, which counts itself but for the first
+
+    bool fits(int limit) const {
+        if (counter <= limit)
+            return true;
+        XMLIN_TRACE(1, "element is more than %d(len=%d).", name_limit, counter);
+        return false;
+    }
+    void store(std::string_view text) const {
+        if (in_attr) {
+            text.copy(record->attr, sizeof(record->attr) - 1);
+        } else {
+            std::memset(record->name, 0, sizeof(record->name)); // a second "@" stores it again
+            text.copy(record->name, sizeof(record->name));
+        }
+    }
+};
+
+// Splits the text behind the leading "/" of a path into its zeroed records.
+int split(const char *text, ZYNXML_ELEMENT *records) {
+    Split at = {.record = records};
+    const char *start = text;
+    for (;; ++text, ++at.counter) {
+        const bool attr_begins = *text == '@';
+        if (*text != '\0' && *text != '/' && !attr_begins)
+            continue;
+        if (!at.fits(at.in_attr && !attr_begins ? attr_limit : name_limit))
+            return XMLLIB_ERR_TOOLONG;
+        if (attr_begins)
+            at.in_attr = false; // what stands before it is a name, a second time too
+        at.store({start, static_cast<std::size_t>(text - start)});
+        if (*text == '\0')
+            return XMLLIB_OK;
+        at.in_attr = attr_begins;
+        at.record += attr_begins ? 0 : 1;
+        at.counter = 0;
+        start = text + 1;
+    }
+}
+
+int allocate_and_split(const char *path, ZYNXML_ELEMENT **records, int *count) {
+    *count = static_cast<int>(std::count(path, path + std::strlen(path), '/'));
+    XMLIN_TRACE(16, "%s is %d depth.", path, *count);
+    const std::size_t bytes = static_cast<std::size_t>(*count) * sizeof(ZYNXML_ELEMENT);
+    Records made(
+        static_cast<ZYNXML_ELEMENT *>(std::calloc(static_cast<std::size_t>(*count), sizeof(ZYNXML_ELEMENT))));
+    if (made == nullptr) {
+        XMLIN_TRACE(1, "malloc(%d) failed(%d).", static_cast<int>(bytes), errno);
+        return -1;
+    }
+    const int ret = split(path + 1, made.get());
+    if (ret == XMLLIB_OK)
+        *records = made.release();
+    return ret;
+}
+
+// Splits the path of a query, with the messages and codes of both.
+int split_query(const char *path, Records &records, int *count) {
+    ZYNXML_ELEMENT *made = nullptr;
+    const int ret = separate_path(path, &made, count);
+    records.reset(made);
+    if (ret != XMLLIB_OK) {
+        XMLIN_TRACE(1, "separate_path(%s %#x %d) failed(%d).", path,
+                    static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(made)), *count, ret);
+        return ret == XMLLIB_ERR_TOOLONG ? XMLLIB_ERR_TOOLONG : XMLLIB_ERR_INVALIDPATH;
+    }
+    if (*count == 0) {
+        XMLIN_TRACE(1, "invalid path? num = 0.");
+        return XMLLIB_ERR_INVALIDPATH;
+    }
+    return XMLLIB_OK;
+}
+
+// What a look-up found: a node, a matched element without a child, or nothing.
+struct Found {
+    const xmlNode *node = nullptr;
+    bool matched = false;
+
+    bool any() const { return node != nullptr || matched; }
+};
+
+Found look_up(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count) {
+    Found found;
+    found.node = find_path(slot, mode, records, count, &found.matched);
+    return found;
+}
+
+// The current configuration first, then the policies in the order of their slots.
+Found look_up_everywhere(const char *path, const ZYNXML_ELEMENT *records, int count) {
+    if (const ZYNXML_XMLDOC *current = current_config(); current != nullptr) {
+        const Found found = look_up(current, PathMode::value, records, count);
+        if (found.any()) {
+            XMLIN_TRACE(8, "\"%s\" discover from current config.", path);
+            return found;
+        }
+    }
+    for (const ZYNXML_XMLDOC &slot : _xmldocs) {
+        if (slot.type != XMLDOC_TYPE_POLICY)
+            continue;
+        const Found found = look_up(&slot, PathMode::policy, records, count);
+        if (found.node != nullptr)
+            XMLIN_TRACE(8, "\"%s\" discover from \"%s\" policy.", path, slot.name);
+        if (found.any())
+            return found;
+    }
+    return {};
+}
+
+unsigned low32(const void *pointer) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
+}
+
+int convert_found(const char *path, const Found &found, int type, void *buffer, int *size) {
+    char text[value_size] = "";
+    if (found.node != nullptr) {
+        if (found.node->content == nullptr) {
+            XMLIN_TRACE(2, "not exist contents(%s).", path);
+            return XMLLIB_ERR_NOCONTENTS;
+        }
+        text_of(found.node->content).copy(text, sizeof(text) - 1);
+        if (cut_space(text) != 0) {
+            XMLIN_TRACE(1, "invalid value.");
+            return XMLLIB_ERR_INVALIDVALUE;
+        }
+    }
+    XMLIN_TRACE(8, "content is \"%s\".", text);
+    const bool size_query = buffer == nullptr;
+    const int ret = make_value(text, type, buffer, size);
+    if (ret != XMLLIB_OK)
+        XMLIN_TRACE(size_query ? 8 : 2, "make_value(%s %d %#x %#x) failed(%#x).", text, type, low32(buffer),
+                    low32(size), static_cast<unsigned>(ret));
+    return ret;
+}
+
+int query_value(const char *path, int type, void *buffer, int *size) {
+    if (path == nullptr || size == nullptr) {
+        XMLIN_TRACE(1, "invalid armgument.");
+        return XMLLIB_ERR_INVALIDARG;
+    }
+    if (!check_load()) {
+        XMLIN_TRACE(1, "not load.");
+        return XMLLIB_ERR_NOTLOAD;
+    }
+    if (buffer == nullptr)
+        *size = 0;
+    XMLIN_TRACE(8, "get value from \"%s\"...", path);
+    Records records;
+    int count = 0;
+    if (const int ret = split_query(path, records, &count); ret != XMLLIB_OK)
+        return ret;
+    const Found found = look_up_everywhere(path, records.get(), count);
+    if (!found.any()) {
+        XMLIN_TRACE(2, "not exist(%s)", path);
+        return XMLLIB_ERR_NOTEXIST;
+    }
+    return convert_found(path, found, type, buffer, size);
+}
+
+void trace_list(const char *path, int ret, const char *buffer, int size) {
+    if (ret == XMLLIB_ERR_NOSIZE)
+        XMLIN_TRACE(8, "not enough size(%d).", size);
+    else if (ret == XMLLIB_ERR_NOTEXIST)
+        XMLIN_TRACE(2, "not exist(%s)", path);
+    else if (ret != XMLLIB_OK)
+        XMLIN_TRACE(1, "fill_attr() failed(%#x).", static_cast<unsigned>(ret));
+    for (int i = 0; ret == XMLLIB_OK && i < size / list_slot_size; ++i)
+        XMLIN_TRACE(8, "attribute[%d] is \"%s\".", i, buffer + i * list_slot_size);
+}
+
+int query_list(const char *path, char *buffer, int *size) {
+    if (path == nullptr || size == nullptr) {
+        XMLIN_TRACE(1, "invalid armgument.");
+        return XMLLIB_ERR_INVALIDARG;
+    }
+    const ZYNXML_XMLDOC *current = current_config();
+    if (current == nullptr) {
+        XMLIN_TRACE(1, "not load.");
+        return XMLLIB_ERR_NOTLOAD;
+    }
+    if (buffer == nullptr)
+        *size = 0;
+    XMLIN_TRACE(8, "enum value from \"%s\"...", path);
+    Records records;
+    int count = 0;
+    if (const int ret = split_query(path, records, &count); ret != XMLLIB_OK)
+        return ret;
+    bool matched = false;
+    xmlNode *first = find_path(current, PathMode::list, records.get(), count, &matched);
+    if (first == nullptr) {
+        XMLIN_TRACE(2, "not exist(%s)", path);
+        return XMLLIB_ERR_NOTEXIST;
+    }
+    const int ret = fill_attr(first, records.get() + count - 1, buffer, size);
+    trace_list(path, ret, buffer, *size);
+    return ret;
+}
+
+// Stores one value of a list; returns 0, or XMLLIB_ERR_INVALIDVALUE.
+int store_attr(const xmlChar *value, char *slot) {
+    std::memset(slot, 0, list_slot_size);
+    text_of(value).copy(slot, list_slot_size - 1);
+    if (cut_space(slot) == 0)
+        return XMLLIB_OK;
+    XMLIN_TRACE(1, "invalid value.");
+    return XMLLIB_ERR_INVALIDVALUE;
+}
+
+int collect_attrs(const xmlNode *first, const ZYNXML_ELEMENT &record, char *buffer, int *size) {
+    int ret = XMLLIB_OK;
+    int count = 0;
+    int left = *size;
+    for (const xmlNode *node = first; node != nullptr; node = node->next) {
+        const xmlChar *value = matches(node, record, false) ? first_attribute(node) : nullptr;
+        if (value == nullptr)
+            continue;
+        if (left >= list_slot_size) {
+            if (store_attr(value, buffer + count * list_slot_size) != XMLLIB_OK)
+                return XMLLIB_ERR_INVALIDVALUE;
+            left -= list_slot_size;
+        } else {
+            ret = XMLLIB_ERR_NOSIZE;
+        }
+        ++count;
+    }
+    *size = count * list_slot_size;
+    return count > 0 ? ret : static_cast<int>(XMLLIB_ERR_NOTEXIST);
+}
+
+int make_string(const char *text, char *buffer, int *size) {
+    const int needed = static_cast<int>(std::strlen(text)) + 1;
+    const int given = *size;
+    *size = needed;
+    if (given < needed) {
+        XMLIN_TRACE(8, "not enough size(%d).", given);
+        return XMLLIB_ERR_NOSIZE;
+    }
+    std::memcpy(buffer, text, static_cast<std::size_t>(needed));
+    return XMLLIB_OK;
+}
+
+int make_int(const char *text, void *buffer, int *size) {
+    const int given = *size;
+    *size = sizeof(std::int32_t);
+    if (given < *size) {
+        XMLIN_TRACE(8, "not enough size(%d).", given);
+        return XMLLIB_ERR_NOSIZE;
+    }
+    char *end = nullptr;
+    const auto value = static_cast<std::int32_t>(std::strtol(text, &end, 0));
+    if (*end != '\0') {
+        XMLIN_TRACE(2, "invalid contents.");
+        return XMLLIB_ERR_INVALIDVALUE;
+    }
+    std::memcpy(buffer, &value, sizeof(value));
+    return XMLLIB_OK;
+}
+
+int convert(const char *text, int type, void *buffer, int *size) {
+    if (text == nullptr || size == nullptr) {
+        XMLIN_TRACE(1, "invalid argument.");
+        return XMLLIB_ERR_INVALIDARG;
+    }
+    switch (type) {
+    case XMLLIB_TYPE_STRING:
+        return make_string(text, static_cast<char *>(buffer), size);
+    case XMLLIB_TYPE_INT:
+        return make_int(text, buffer, size);
+    default:
+        XMLIN_TRACE(1, "invalid type(%d).", type);
+        return XMLLIB_ERR_INVALIDARG;
+    }
+}
+
+} // namespace
+
+int separate_path(const char *path, ZYNXML_ELEMENT **records, int *count) {
+    XMLIN_ENTER();
+    int ret = -1;
+    if (records != nullptr)
+        *records = nullptr;
+    if (path == nullptr || records == nullptr || count == nullptr || path[0] != '/')
+        XMLIN_TRACE(1, "invalid argument.");
+    else
+        ret = allocate_and_split(path, records, count);
+    XMLIN_EXIT();
+    return ret;
+}
+
+xmlNode *find_element(xmlNode *start, const ZYNXML_ELEMENT *record, unsigned flags, bool *matched) {
+    XMLIN_ENTER();
+    xmlNode *node = start;
+    while (node != nullptr && !matches(node, *record, (flags & FIND_ATTR) != 0))
+        node = node->next;
+    *matched = node != nullptr;
+    if (node == nullptr)
+        XMLIN_TRACE(8, "undiscovery.");
+    else if ((flags & FIND_DESCEND) != 0)
+        node = node->children;
+    XMLIN_EXIT();
+    return node;
+}
+
+xmlNode *find_path(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count,
+                   bool *matched) {
+    XMLIN_ENTER();
+    const unsigned attr = mode == PathMode::policy ? 0 : FIND_ATTR;
+    xmlNode *node = slot->doc->children;
+    *matched = false;
+    for (int i = 0; i < count; ++i) {
+        const bool stay = mode == PathMode::list && i == count - 1;
+        node = find_element(node, &records[i], attr | (stay ? 0 : FIND_DESCEND), matched);
+    }
+    if (node == nullptr && !*matched)
+        XMLIN_TRACE(8, "not exist in \"%s\".", slot->name);
+    XMLIN_EXIT();
+    return node;
+}
+
+int fill_attr(xmlNode *first, const ZYNXML_ELEMENT *record, char *buffer, int *size) {
+    XMLIN_ENTER();
+    const int ret = collect_attrs(first, *record, buffer, size);
+    XMLIN_EXIT();
+    return ret;
+}
+
+int make_value(const char *text, int type, void *buffer, int *size) {
+    XMLIN_ENTER();
+    const int ret = convert(text, type, buffer, size);
+    XMLIN_EXIT();
+    return ret;
+}
+
+int cut_space(char *text) {
+    XMLIN_ENTER();
+    int ret = 0;
+    if (text == nullptr) {
+        XMLIN_TRACE(1, "invalid argument.");
+        ret = -1;
+    } else {
+        std::string_view kept = text;
+        kept.remove_prefix(std::min(kept.find_first_not_of(' '), kept.size()));
+        kept.remove_suffix(kept.size() - (kept.find_last_not_of(' ') + 1));
+        std::memmove(text, kept.data(), kept.size());
+        text[kept.size()] = '\0';
+    }
+    XMLIN_EXIT();
+    return ret;
+}
+
+int get_value(const char *path, int type, void *buffer, int *size) {
+    XMLIN_ENTER();
+    const int ret = query_value(path, type, buffer, size);
+    XMLIN_EXIT();
+    return ret;
+}
+
+int enum_value(const char *path, char *buffer, int *size) {
+    XMLIN_ENTER();
+    const int ret = query_list(path, buffer, size);
+    XMLIN_EXIT();
+    return ret;
+}
