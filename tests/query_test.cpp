@@ -1,5 +1,5 @@
 // Path queries over documents in memory, and the store's trace that tells of them.
-#include "log.h"
+#include "support/fake_log.h"
 #include "support/rows.h"
 #include "trace.h"
 #include "xmlin/query.h"
@@ -8,35 +8,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdlib>
 #include <cstring>
 
 #include <libxml/parser.h>
-
-namespace {
-
-std::vector<std::string> traced; // "level|indented text" of each line the log library was given
-
-} // namespace
-
-std::int32_t log_init(const char *, void **handle, std::int32_t, std::int32_t, const char *) {
-    *handle = &traced;
-    return LOG_OK;
-}
-std::int32_t log_term(void *) {
-    return LOG_OK;
-}
-std::int32_t log_write(void *, std::int32_t level, std::int32_t, const char *, std::int32_t, const char *,
-                       const char *format, ...) {
-    char text[4096];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    traced.push_back(std::to_string(level) + "|" + text);
-    return LOG_OK;
-}
 
 namespace {
 
@@ -161,14 +136,14 @@ TEST_F(Query, TraceTellsLevelIndentAndTexts) {
           "8|   search current config ...", "8|   discovery!", "8|   undiscovery.",
           "8|   not exist in \"conf\".", "8|   not exist in \"p2\".", "2|   not exist(/root/none)",
           "16| <= get_value() end"})
-        EXPECT_EQ(std::count(traced.begin(), traced.end(), line) > 0, true) << line;
+        EXPECT_GT(count_traced(line), 0) << line;
     traced.clear();
     ZYNXML_ELEMENT *records = nullptr;
     int count = 0;
     separate_path(("/root/" + std::string(32, 'n')).c_str(), &records, &count);
     separate_path(("/root/x@" + std::string(256, 'n')).c_str(), &records, &count);
-    EXPECT_EQ(std::count(traced.begin(), traced.end(), "1|   element is more than 32(len=33)."), 1);
-    EXPECT_EQ(std::count(traced.begin(), traced.end(), "1|   element is more than 32(len=257)."), 1);
+    EXPECT_EQ(count_traced("1|   element is more than 32(len=33)."), 1);
+    EXPECT_EQ(count_traced("1|   element is more than 32(len=257)."), 1);
     traced.clear();
     trace4(1, "f", 1, "g", "%s", ("100%s%% " + std::string(2000, 'x')).c_str());
     EXPECT_EQ(traced.back(), "1|   100%s% " + std::string(1020 - 8, 'x')) << "cut at the end of the line";
