@@ -285,9 +285,11 @@ int reload_changed(ZYNXML_XMLDOC *slot) {
     return XMLLIB_OK;
 }
 
-// Joins two texts; false when they do not fit.
-bool fill_path(char (&path)[XML_PATH_SIZE], const char *first, const char *second) {
-    return static_cast<std::size_t>(std::snprintf(path, sizeof(path), "%s%s", first, second)) < sizeof(path);
+// Joins two texts into a path; one that does not fit is empty, and no file is found by it.
+void fill_path(char (&path)[XML_PATH_SIZE], const char *first, const char *second) {
+    const int length = std::snprintf(path, sizeof(path), "%s%s", first, second);
+    if (length < 0 || static_cast<std::size_t>(length) >= sizeof(path))
+        path[0] = '\0';
 }
 
 // Tries the six directories with the policy directory's name in place of their %s.
