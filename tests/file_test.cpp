@@ -120,6 +120,26 @@ TEST_F(File, PathConfigurationsAreCurrentInTurn) {
     EXPECT_EQ(unload_config(first), 0);
     EXPECT_EQ(value(), "conf");
     EXPECT_EQ(unload_config(second), 0);
+    // A handle that has been unloaded changes nothing more, and answers nothing.
+    EXPECT_EQ(unload_config(second), 0);
+    EXPECT_EQ(value(), "conf");
+    EXPECT_EQ(set_current(second), 0);
+    EXPECT_EQ(value(), "-");
+    second->current = 0;
+}
+
+// A file that was replaced while it was parsed is parsed again, and what comes later is seen.
+TEST_F(File, FileReplacedWhileItIsParsed) {
+    write("etc/zyn.conf", "<root>");
+    int size = 0;
+    while_asleep = [&] {
+        write("etc/zyn.conf", document(std::string(static_cast<std::size_t>(++size), 'x')));
+    };
+    EXPECT_EQ(load_config(nullptr, nullptr), 0);
+    while_asleep = nullptr;
+    write("etc/zyn.conf", document("last"));
+    EXPECT_EQ(reload_config(), 0);
+    EXPECT_EQ(value(), "last");
 }
 
 TEST_F(File, AttemptsAndTheirCodes) {

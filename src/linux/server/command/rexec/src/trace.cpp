@@ -39,16 +39,17 @@ void traceopen(const char *name, std::int32_t level, std::int32_t size, const ch
 }
 
 void traceclose() {
-    if (closed())
+    void *handle = _tracehandle.exchange(nullptr);
+    if (handle == nullptr)
         return;
-    log_term(_tracehandle);
-    _tracehandle = nullptr;
+    log_term(handle);
     _traceinit = 0;
 }
 
 void traceex(std::int32_t level, const char *file, std::int32_t line, const char *function, int indent,
              const char *message) {
-    if (closed())
+    void *handle = _tracehandle;
+    if (handle == nullptr)
         return;
     char text[line_size + 1];
     std::memset(text, ' ', line_size);
@@ -57,7 +58,7 @@ void traceex(std::int32_t level, const char *file, std::int32_t line, const char
     const std::size_t length = strnlen(message, room);
     std::memcpy(text + start, message, length);
     text[start + length] = '\0';
-    log_write_text(_tracehandle, level, file, line, function, text);
+    log_write_text(handle, level, file, line, function, text);
 }
 
 void trace(std::int32_t level, const char *file, std::int32_t line, const char *function, const char *format,

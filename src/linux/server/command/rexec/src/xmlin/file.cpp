@@ -69,8 +69,8 @@ Document parse_file(const char *file) {
     for (int attempt = 0; attempt < (repeat ? parse_attempts : 1); ++attempt) {
         if (Document doc = parse_once(file); doc != nullptr)
             return doc;
-        if (repeat)
-            sleep(attempt_gap);
+        for (unsigned left = repeat ? attempt_gap : 0; left > 0;)
+            left = sleep(left);
     }
     XMLIN_TRACE(1, "xmlParseFile(%s) failed.", file);
     return nullptr;
@@ -110,8 +110,10 @@ Configuration parse_default(const char *label) {
         if (!read_status(_xml_confpath, &result.status))
             return {nullptr, {}, XMLLIB_ERR_INVALIDPATH};
         if (known && unchanged(before, result.status))
-            break;
+            return result;
     }
+    // It never stood still: what is remembered differs from any file, so that the next reload parses it.
+    result.status.st_size = -1;
     return result;
 }
 
@@ -255,8 +257,8 @@ int release_default() {
 }
 
 int release_path(ZYNXML_XMLDOC *slot) {
-    if (--slot->count > 0)
-        return XMLLIB_OK;
+    if (slot->type == XMLDOC_TYPE_NONE || --slot->count > 0)
+        return XMLLIB_OK; // still used, or a handle that has been unloaded already
     XMLIN_TRACE(8, "unload \"%s\" config.", slot->name);
     if (ZYNXML_XMLDOC *fallback = default_config(); fallback != nullptr)
         fallback->current = 1;
@@ -353,8 +355,8 @@ int get_policyfile(const char *type, char *path, const char *charset) {
         XMLIN_TRACE(1, "type is null.");
     } else {
         char name[sizeof(_xml_charset) + sizeof("policy.")];
-        std::snprintf(name, sizeof(name), "policy.%s", charset);
-        found = (std::strcmp(charset, "ASCII") != 0 && find_candidate(name, type, path)) ||
+        std::snprintf(name, sizeof(name), "policy.%s", charset != nullptr ? charset : "");
+        found = (std::strcmp(name, "policy.ASCII") != 0 && find_candidate(name, type, path)) ||
                 find_candidate("policy", type, path);
         if (!found)
             *path = '\0';

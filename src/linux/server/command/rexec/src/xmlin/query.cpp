@@ -98,6 +98,8 @@ int split(const char *text, ZYNXML_ELEMENT *records) {
 int allocate_and_split(const char *path, ZYNXML_ELEMENT **records, int *count) {
     *count = static_cast<int>(std::count(path, path + std::strlen(path), '/'));
     XMLIN_TRACE(16, "%s is %d depth.", path, *count);
+    if (*count == 0)
+        return XMLLIB_OK;
     const std::size_t bytes = static_cast<std::size_t>(*count) * sizeof(ZYNXML_ELEMENT);
     Records made(
         static_cast<ZYNXML_ELEMENT *>(std::calloc(static_cast<std::size_t>(*count), sizeof(ZYNXML_ELEMENT))));
@@ -335,7 +337,8 @@ int separate_path(const char *path, ZYNXML_ELEMENT **records, int *count) {
     int ret = -1;
     if (records != nullptr)
         *records = nullptr;
-    if (path == nullptr || records == nullptr || count == nullptr || path[0] != '/')
+    if (path == nullptr || records == nullptr || count == nullptr ||
+        (path[0] != '/' && std::strchr(path, '/') != nullptr))
         XMLIN_TRACE(1, "invalid argument.");
     else
         ret = allocate_and_split(path, records, count);
@@ -361,11 +364,14 @@ xmlNode *find_path(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMEN
                    bool *matched) {
     XMLIN_ENTER();
     const unsigned attr = mode == PathMode::policy ? 0 : FIND_ATTR;
-    xmlNode *node = slot->doc->children;
+    // A slot whose configuration has been unloaded may still be made current: it holds nothing.
+    xmlNode *node = slot->doc != nullptr ? slot->doc->children : nullptr;
     *matched = false;
     for (int i = 0; i < count; ++i) {
         const bool stay = mode == PathMode::list && i == count - 1;
         node = find_element(node, &records[i], attr | (stay ? 0 : FIND_DESCEND), matched);
+        if (!*matched)
+            break;
     }
     if (node == nullptr && !*matched)
         XMLIN_TRACE(8, "not exist in \"%s\".", slot->name);

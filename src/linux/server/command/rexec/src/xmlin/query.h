@@ -24,8 +24,9 @@ inline constexpr unsigned FIND_DESCEND = 1; // give back the first child of the 
 inline constexpr unsigned FIND_ATTR = 2;    // compare attributes
 
 // Splits a path into an array of records, calloc'ed, for the caller to free. Returns 0 with *records
-// and *count set, XMLLIB_ERR_TOOLONG for a step above its limit, or -1 for a null argument, a path that
-// does not begin with "/", or a failed allocation; *records is null then.
+// and *count set, XMLLIB_ERR_TOOLONG for a step above its limit, or -1 for a null argument, a path
+// whose first "/" is not its first character, or a failed allocation; *records is null then, as it is with
+// a *count of 0 for a path without a "/".
 int separate_path(const char *path, ZYNXML_ELEMENT **records, int *count);
 
 // Finds the element of a step among `start` and its siblings. *matched tells whether there was one: a
