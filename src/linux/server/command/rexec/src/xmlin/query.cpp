@@ -25,6 +25,11 @@ struct Free {
 };
 using Records = std::unique_ptr<ZYNXML_ELEMENT, Free>;
 
+// A pointer for texts that print it with %#x.
+unsigned low32(const void *pointer) {
+    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
+}
+
 // A text that ends at its NUL or at the end of its field.
 template <std::size_t N>
 std::string_view text_of(const char (&field)[N]) {
@@ -119,8 +124,7 @@ int split_query(const char *path, Records &records, int *count) {
     const int ret = separate_path(path, &made, count);
     records.reset(made);
     if (ret != XMLLIB_OK) {
-        XMLIN_TRACE(1, "separate_path(%s %#x %d) failed(%d).", path,
-                    static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(made)), *count, ret);
+        XMLIN_TRACE(1, "separate_path(%s %#x %d) failed(%d).", path, low32(made), *count, ret);
         return ret == XMLLIB_ERR_TOOLONG ? XMLLIB_ERR_TOOLONG : XMLLIB_ERR_INVALIDPATH;
     }
     if (*count == 0) {
@@ -163,10 +167,6 @@ Found look_up_everywhere(const char *path, const ZYNXML_ELEMENT *records, int co
             return found;
     }
     return {};
-}
-
-unsigned low32(const void *pointer) {
-    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
 }
 
 int convert_found(const char *path, const Found &found, int type, void *buffer, int *size) {
