@@ -1,6 +1,6 @@
 // Threads of the client: their end is noticed by being told, their time limit holds whatever the clock
 // says, and a cancel finds them in any state.
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/thread.h"
 #include "support/capture.h"
 #include "xmllib.h"

@@ -1,5 +1,5 @@
 // The trace function: the form of a line, its two destinations, and that no cancel cuts it.
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/trace.h"
 #include "support/capture.h"
 

@@ -12,6 +12,8 @@
 // "level|indented text" of each line the log library was given.
 inline std::vector<std::string> traced;
 
+std::recursive_mutex loglibmutex;
+
 std::int32_t log_init(const char *, void **handle, std::int32_t, std::int32_t, const char *) {
     *handle = &traced;
     return LOG_OK;

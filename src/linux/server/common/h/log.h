@@ -3,6 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <mutex>
+#include <type_traits>
 
 // Levels of a message. A message is kept when its level is not above the level of the handle.
 enum : std::int32_t {
@@ -31,6 +33,11 @@ enum : std::int32_t {
     LOG_ERR_CONFIG = 15,    // the configuration library could not start
     LOG_ERR_POLICY = 17,    // a policy could not be loaded
 };
+
+// Held while a handle is opened or closed. The configuration store takes it before its own mutexes, because
+// it opens its trace through this library, which in turn reads its settings from the store: one order for
+// both, and recursive for the calls that come back.
+extern std::recursive_mutex loglibmutex;
 
 // Opens a log handle for one module and announces the module to the event daemon.
 //   modtype   module type name, at most 31 characters kept
@@ -86,4 +93,13 @@ inline std::int32_t log_write_text(void *phandle, std::int32_t level, const char
 #pragma GCC diagnostic ignored "-Wformat-security"
     return log_write(phandle, level, 0, filename, line, func, doubled);
 #pragma GCC diagnostic pop
+}
+
+// The low 32 bits of a pointer or a thread id, for texts that print it with %#x.
+template <typename T>
+unsigned int log_low32(T value) {
+    if constexpr (std::is_pointer_v<T>)
+        return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(value));
+    else
+        return static_cast<unsigned int>(value);
 }

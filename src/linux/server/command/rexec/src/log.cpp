@@ -2,6 +2,8 @@
 // opened and nothing is written.
 #include "log.h"
 
+std::recursive_mutex loglibmutex;
+
 std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t, std::int32_t, const char *) {
     if (pphandle == nullptr)
         return LOG_ERR_NOHANDLE;

@@ -1,7 +1,7 @@
 // Life cycle of the transfer client: started once a process, counted, and ended by the last user.
 #include "rexeccl.h"
 
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/thread.h"
 #include "rexeccl/trace.h"

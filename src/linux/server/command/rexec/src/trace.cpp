@@ -8,13 +8,16 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
+#include <shared_mutex>
 
 namespace {
 
 constexpr std::size_t line_size = 1024;
 
-int _traceinit = 0; // calls of traceopen since the trace was opened
+std::atomic<int> _traceinit{0}; // calls of traceopen since the trace was opened
 std::atomic<void *> _tracehandle{nullptr};
+std::shared_mutex writers; // shared while a line is written, so that no handle is freed under its writer
 
 bool closed() {
     return _tracehandle.load() == nullptr;
@@ -39,7 +42,9 @@ void traceopen(const char *name, std::int32_t level, std::int32_t size, const ch
 }
 
 void traceclose() {
+    std::unique_lock lock(writers);
     void *handle = _tracehandle.exchange(nullptr);
+    lock.unlock();
     if (handle == nullptr)
         return;
     log_term(handle);
@@ -48,6 +53,9 @@ void traceclose() {
 
 void traceex(std::int32_t level, const char *file, std::int32_t line, const char *function, int indent,
              const char *message) {
+    if (closed())
+        return;
+    const std::shared_lock lock(writers);
     void *handle = _tracehandle;
     if (handle == nullptr)
         return;

@@ -6,7 +6,7 @@
 // Opens the trace under a name unless it is open; counts every call. `path` is the log directory or null.
 void traceopen(const char *name, std::int32_t level, std::int32_t size, const char *path);
 
-// Closes the trace whatever the count; nothing while it is closed.
+// Closes the trace whatever the count; nothing while it is closed. Waits for lines that are being written.
 void traceclose();
 
 // Write one line at a level, indented by 0, 2 or 4; a message is cut at 1023 bytes. While the trace is

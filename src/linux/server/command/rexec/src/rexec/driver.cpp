@@ -115,11 +115,10 @@ int join_workers(const Run &run, int result) {
         const int ret = pthread_join(run.threads[i], &thret);
         run.threads[i] = 0;
         if (ret == 0) {
-            REXEC_TRACE(4, "pthread_join(tid[%d]) success. (ret=%d,thret=%#x).", i, ret,
-                        rexeccl_low32(thret));
+            REXEC_TRACE(4, "pthread_join(tid[%d]) success. (ret=%d,thret=%#x).", i, ret, log_low32(thret));
             continue;
         }
-        REXEC_TRACE(1, "pthread_join(tid[%d]) failed. (ret=%d,thret=%#x).", i, ret, rexeccl_low32(thret));
+        REXEC_TRACE(1, "pthread_join(tid[%d]) failed. (ret=%d,thret=%#x).", i, ret, log_low32(thret));
         if (result == REXEC_SUCCESS)
             result = REXEC_FAIL_JOIN;
     }

@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 
 // Holds the lock of standard output from its first text to its end, so that the lines of one server
 // stay together, and gives them to the reader at its end at the latest. Locks may nest. One that has

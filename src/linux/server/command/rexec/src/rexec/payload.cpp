@@ -29,7 +29,7 @@ void swap_order(std::int32_t &field) {
 bool arguments_valid(const void *data, int size, int line, const char *function) {
     if (data != nullptr && size >= 0)
         return true;
-    rexeccllog(1, "src/rexec", line, function, "invalid data. (data=%#x/%d)", rexeccl_low32(data), size);
+    rexeccllog(1, "src/rexec", line, function, "invalid data. (data=%#x/%d)", log_low32(data), size);
     return false;
 }
 
@@ -143,21 +143,21 @@ void rexec_fill_clear(const REXEC_INFO *info, ZYNEXEC_EXNOTICE_IN_PARAM *data) {
 }
 
 void rexec_conv_byteorder_grpfo(int div, ZYNEXECGRPFO_EX_IN_PARAM *data, int size) {
-    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, rexeccl_low32(data), size);
+    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, log_low32(data), size);
     if (arguments_valid(data, size, __LINE__, __func__))
         convert_grpfo(div, data);
     REXEC_TRACE(8, "end-()");
 }
 
 void rexec_conv_byteorder_exscript(int div, void *data, int size) {
-    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, rexeccl_low32(data), size);
+    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, log_low32(data), size);
     if (arguments_valid(data, size, __LINE__, __func__))
         convert_exscript(div, data);
     REXEC_TRACE(8, "end-()");
 }
 
 void rexec_conv_byteorder_notice(int div, void *data, int size) {
-    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, rexeccl_low32(data), size);
+    REXEC_TRACE(8, "start-(div=%d data=%#x size=%d)", div, log_low32(data), size);
     if (arguments_valid(data, size, __LINE__, __func__))
         convert_notice(div, data);
     REXEC_TRACE(8, "end-()");

@@ -5,9 +5,9 @@
 // so a cancel at the command time-out ends no exchange: the request's own time limit does.
 #include "rexec/worker.h"
 
+#include "cancel.h"
 #include "rexec/payload.h"
 #include "rexec/report.h"
-#include "rexeccl/cancel.h"
 #include "rexeccl/trace.h"
 
 #include <array>

@@ -41,11 +41,9 @@ struct ConnectResult {
 void abandon_connect(pthread_t tid, REXECCL_CNTD_PARAM_INFO *param, const char *host) {
     std::int32_t ret = 0;
     if (const int error = pthread_cancel(tid); error != 0)
-        REXECCL_TRACE(1, "pthread_cancel() failed. (host=%s tid=%#x errno=%d)", host, rexeccl_low32(tid),
-                      error);
+        REXECCL_TRACE(1, "pthread_cancel() failed. (host=%s tid=%#x errno=%d)", host, log_low32(tid), error);
     if (const int error = rexeccl_join_thread(tid, &ret); error != 0)
-        REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host, rexeccl_low32(tid),
-                      error);
+        REXECCL_TRACE(1, "pthread_join() failed. (host=%s tid=%#x errno=%d)", host, log_low32(tid), error);
     // It may have connected between the time-out and the cancel.
     if (param->sock != -1)
         rexeccl_close_socket(param->sock);
@@ -133,7 +131,7 @@ struct Outcome {
 Outcome finish_check(Candidate &at) {
     const REXECCL_COMM_THREAD_INFO &comm = at.scratch.tdinfo.comm;
     const char *host = at.node->szhost;
-    const unsigned int tid = rexeccl_low32(comm.tid);
+    const unsigned int tid = log_low32(comm.tid);
     const std::int32_t waited = rexeccl_wait_thread(comm.tid, _rexeccl_policy.restimeout);
     if (waited != REXECCL_RET_SUCCESS) {
         REXECCL_TRACE(1, "timeout. (tid=%#x ret=%d sock=%d host=%s timeout=%d)", tid, waited, at.scratch.sock,
@@ -175,8 +173,7 @@ Outcome check_connection(Candidate &at, TRANS_PACKET_HEADER_INFO *request) {
                       at.node->szhost);
         return {REXECCL_RET_FAIL_COMUNICATION, TRANS_RES_STAT_FAIL_COMUNICATION};
     }
-    REXECCL_TRACE(8, "start communication thread. (sock=%d tid=%#x)", at.scratch.sock,
-                  rexeccl_low32(comm.tid));
+    REXECCL_TRACE(8, "start communication thread. (sock=%d tid=%#x)", at.scratch.sock, log_low32(comm.tid));
     const Outcome outcome = finish_check(at);
     std::free(comm.pres);
     comm.pres = nullptr;

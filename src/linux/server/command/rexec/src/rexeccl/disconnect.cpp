@@ -2,7 +2,7 @@
 // everything the connection held is given back.
 #include "rexeccl.h"
 
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/node.h"
 #include "rexeccl/packet.h"
 #include "rexeccl/settings.h"
@@ -45,7 +45,7 @@ REXECCL_NODE_INFO *find_node(REXECCL_NODE_INFO *nodes, const REXECCL_CONNECTION_
 // Waits for the answer to the farewell; a server that does not answer is no failure of the request.
 void finish_farewell(REXECCL_CONNECTION_INFO *connection) {
     const char *host = connection->cnhost;
-    const unsigned int tid = rexeccl_low32(connection->tdinfo.comm.tid);
+    const unsigned int tid = log_low32(connection->tdinfo.comm.tid);
     const std::int32_t waited = rexeccl_wait_thread(connection->tdinfo.comm.tid, _rexeccl_policy.restimeout);
     if (waited != REXECCL_RET_SUCCESS) {
         REXECCL_TRACE(1, "timeout. (host=%s tid=%#x ret=%d timeout=%d)", host, tid, waited,

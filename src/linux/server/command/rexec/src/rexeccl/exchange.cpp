@@ -7,7 +7,7 @@
 // that thread in between. So no lock is taken during an exchange.
 #include "rexeccl/exchange.h"
 
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/packet.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/thread.h"
@@ -80,7 +80,7 @@ std::int32_t exchange(REXECCL_CONNECTION_INFO *connection) {
         REXECCL_TRACE(1, "rexeccl_create_thread() failed. (host=%s ret=%d)", host_of(connection), started);
         return fail(connection, TRANS_RES_STAT_FAIL_UNKOWN, REXECCL_RET_FAIL_UNKOWN);
     }
-    const unsigned int tid = rexeccl_low32(connection->tdinfo.comm.tid);
+    const unsigned int tid = log_low32(connection->tdinfo.comm.tid);
     const std::int32_t waited =
         rexeccl_wait_thread(connection->tdinfo.comm.tid, connection->datainfo.execparam.restimeout);
     if (waited != REXECCL_RET_SUCCESS) {
@@ -181,7 +181,7 @@ std::int32_t start_request_threads(REXECCL_CONNECTION_INFO *handle) {
             },
             &_rexeccl_thattr_joinable, at, &at->tdinfo.tid);
         if (ret == REXECCL_RET_SUCCESS) {
-            REXECCL_TRACE(4, ">>>execparam (tid=%#x host=%s)", rexeccl_low32(at->tdinfo.tid), host_of(at));
+            REXECCL_TRACE(4, ">>>execparam (tid=%#x host=%s)", log_low32(at->tdinfo.tid), host_of(at));
             some_started = true;
         } else {
             REXECCL_TRACE(1, "rexeccl_create_thread() failed. (host=%s ret=%d)", host_of(at), ret);
@@ -196,7 +196,7 @@ std::int32_t start_request_threads(REXECCL_CONNECTION_INFO *handle) {
 }
 
 std::int32_t join_request_thread(REXECCL_CONNECTION_INFO *connection) {
-    const unsigned int tid = rexeccl_low32(connection->tdinfo.tid);
+    const unsigned int tid = log_low32(connection->tdinfo.tid);
     std::int32_t result = REXECCL_RET_SUCCESS;
     std::int32_t ret = REXECCL_RET_SUCCESS;
     if (const int error = rexeccl_join_thread(connection->tdinfo.tid, &result); error != 0) {
@@ -218,7 +218,7 @@ std::int32_t join_request_thread(REXECCL_CONNECTION_INFO *connection) {
 } // namespace
 
 void rexeccl_execparam_cleanup(REXECCL_CONNECTION_INFO *connection) {
-    REXECCL_TRACE(4, "start - (conn=%#x)", rexeccl_low32(connection));
+    REXECCL_TRACE(4, "start - (conn=%#x)", log_low32(connection));
     const CancelDisabled whole_cleanup;
     if (connection->tdinfo.comm.tid != 0)
         rexeccl_abandon_communication(connection);
@@ -246,7 +246,7 @@ std::int32_t rexeccl_execparam(REXECCL_CONNECTION_INFO *connection) {
 }
 
 std::int32_t rexeccl_multi_execparam(REXECCL_CONNECTION_INFO *handle) {
-    REXECCL_TRACE(8, "start - (hdl=%#x)", rexeccl_low32(handle));
+    REXECCL_TRACE(8, "start - (hdl=%#x)", log_low32(handle));
     std::int32_t ret = REXECCL_RET_SUCCESS;
     if (_rexeccl_initflag != TRANS_FLAG_ON) {
         REXECCL_TRACE(2, "not initialized. ()");

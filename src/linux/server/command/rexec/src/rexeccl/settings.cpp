@@ -2,8 +2,8 @@
 // sent: only the copied values stay.
 #include "rexeccl/settings.h"
 
+#include "cancel.h"
 #include "rexeccl.h"
-#include "rexeccl/cancel.h"
 #include "rexeccl/trace.h"
 #include "xmllib.h"
 

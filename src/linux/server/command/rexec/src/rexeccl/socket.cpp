@@ -4,9 +4,9 @@
 // is enabled around these two calls only, and rexeccl_create_socket_cleanup frees what they leave.
 #include "rexeccl/socket.h"
 
+#include "cancel.h"
 #include "csub.h"
 #include "rexeccl.h"
-#include "rexeccl/cancel.h"
 #include "rexeccl/trace.h"
 
 #include <cerrno>

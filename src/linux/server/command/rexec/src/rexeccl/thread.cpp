@@ -11,8 +11,8 @@
 // out of the table before the join, since the id may be used again right after it.
 #include "rexeccl/thread.h"
 
+#include "cancel.h"
 #include "rexeccl.h"
-#include "rexeccl/cancel.h"
 #include "rexeccl/trace.h"
 #include "xmllib.h"
 
@@ -215,19 +215,19 @@ std::int32_t rexeccl_create_thread(std::int32_t (*body)(void *), const pthread_a
         *tid_out = 0;
         ret = REXECCL_RET_FAIL_UNKOWN;
     }
-    REXECCL_TRACE(8, "end - (ret=%d tid=%#x)", ret, rexeccl_low32(*tid_out));
+    REXECCL_TRACE(8, "end - (ret=%d tid=%#x)", ret, log_low32(*tid_out));
     return ret;
 }
 
 std::int32_t rexeccl_wait_thread(pthread_t tid, std::int32_t timeout_seconds) {
-    REXECCL_TRACE(8, "start - (tid=%#x timeout=%d)", rexeccl_low32(tid), timeout_seconds);
+    REXECCL_TRACE(8, "start - (tid=%#x timeout=%d)", log_low32(tid), timeout_seconds);
     std::int32_t ret = REXECCL_RET_SUCCESS;
     const std::int32_t per_second = _rexeccl_clktck > 0 ? _rexeccl_clktck : read_clktck();
     std::int64_t elapsed = 0;
     // A thread that is not in the table has been joined: it has ended.
     if (End *end = find_in_table(tid);
         end != nullptr && !wait_for_end(end, timeout_seconds, per_second, &elapsed)) {
-        REXECCL_TRACE(1, "thread timeout. (tid=%#x timeout=%ld acttk=%ld clktk=%d)", rexeccl_low32(tid),
+        REXECCL_TRACE(1, "thread timeout. (tid=%#x timeout=%ld acttk=%ld clktk=%d)", log_low32(tid),
                       static_cast<long>(timeout_seconds), static_cast<long>(elapsed), per_second);
         ret = REXECCL_RET_FAIL_TIMEOUT;
     }

@@ -6,8 +6,8 @@
 // lock, write and unlock of a line.
 #include "rexeccl/trace.h"
 
+#include "cancel.h"
 #include "log.h"
-#include "rexeccl/cancel.h"
 
 #include <cerrno>
 #include <cstdarg>
@@ -85,9 +85,9 @@ void print_line(std::FILE *file, const LineSource &at, const char *message) {
 
 void write_user_log(std::int32_t level, const char *source_file, std::int32_t line, const char *function,
                     const char *message) {
-    const LineSource at = {level_letter(level),           static_cast<unsigned long>(getpid()),
-                           rexeccl_low32(pthread_self()), line,
-                           last_component(source_file),   function};
+    const LineSource at = {level_letter(level),         static_cast<unsigned long>(getpid()),
+                           log_low32(pthread_self()),   line,
+                           last_component(source_file), function};
     const std::lock_guard threads(user_log_mutex);
     const FileLock processes(fileno(_rexec_pusrlogfd));
     print_line(_rexec_pusrlogfd, at, message);

@@ -2,10 +2,10 @@
 // user asked for it, to the user log file.
 #pragma once
 
+#include "log.h"
 #include "rexec.h"
 
 #include <cstdint>
-#include <type_traits>
 
 // Writes one line to _rexec_ploghandle and to _rexec_pusrlogfd, whichever is set; nothing when
 // neither is. A message is cut at 4095 bytes. `level` is 1 error, 2 warning, 4 information, 8 trace
@@ -16,15 +16,6 @@ void rexeccllog(std::int32_t level, const char *source_file, std::int32_t line, 
 
 // Whether a trace line would be written anywhere; for arguments that cost something to make.
 bool rexeccl_tracing();
-
-// The low 32 bits of a pointer or a thread id, for texts that print it with %#x.
-template <typename T>
-unsigned int rexeccl_low32(T value) {
-    if constexpr (std::is_pointer_v<T>)
-        return static_cast<unsigned int>(reinterpret_cast<std::uintptr_t>(value));
-    else
-        return static_cast<unsigned int>(value);
-}
 
 // The macros know file, line and function of their caller; each source names itself by its module.
 #define REXECCL_TRACE(level, ...) rexeccllog((level), "src/rexeccl", __LINE__, __func__, __VA_ARGS__)

@@ -6,7 +6,7 @@
 // Nothing that a peer says about a length is believed before as many bytes have really arrived.
 #include "rexeccl/transfer.h"
 
-#include "rexeccl/cancel.h"
+#include "cancel.h"
 #include "rexeccl/packet.h"
 #include "rexeccl/settings.h"
 #include "rexeccl/thread.h"
@@ -206,7 +206,7 @@ void rexeccl_free_packets(REXECCL_CONNECTION_INFO *connection) {
 }
 
 void rexeccl_communication_cleanup(REXECCL_CONNECTION_INFO *connection) {
-    REXECCL_TRACE(16, "start - (conn=%#x)", rexeccl_low32(connection));
+    REXECCL_TRACE(16, "start - (conn=%#x)", log_low32(connection));
     std::free(connection->tdinfo.comm.pres);
     connection->tdinfo.comm.pres = nullptr;
 }
@@ -259,7 +259,7 @@ std::int32_t rexeccl_response(std::int32_t sock, TRANS_PACKET_INFO **response_ou
 
 std::int32_t rexeccl_communication(REXECCL_CONNECTION_INFO *connection) {
     const CancelDisabled but_for_the_waits;
-    REXECCL_TRACE(16, "start - (conn=%#x)", rexeccl_low32(connection));
+    REXECCL_TRACE(16, "start - (conn=%#x)", log_low32(connection));
     CancelCleanup<REXECCL_CONNECTION_INFO> cleanup(rexeccl_communication_cleanup, connection);
     REXECCL_COMM_THREAD_INFO &comm = connection->tdinfo.comm;
     std::int32_t ret = rexeccl_request(connection->sock, comm.preq, comm.reqsize);

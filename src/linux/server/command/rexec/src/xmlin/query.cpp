@@ -1,6 +1,7 @@
 // Queries by path. The trees are only read; a query needs no memory besides its record array.
 #include "xmlin/query.h"
 
+#include "log.h"
 #include "trace.h"
 #include "xmllib.h"
 
@@ -24,11 +25,6 @@ struct Free {
     void operator()(ZYNXML_ELEMENT *records) const { std::free(records); }
 };
 using Records = std::unique_ptr<ZYNXML_ELEMENT, Free>;
-
-// A pointer for texts that print it with %#x.
-unsigned low32(const void *pointer) {
-    return static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(pointer));
-}
 
 // A text that ends at its NUL or at the end of its field.
 template <std::size_t N>
@@ -124,7 +120,7 @@ int split_query(const char *path, Records &records, int *count) {
     const int ret = separate_path(path, &made, count);
     records.reset(made);
     if (ret != XMLLIB_OK) {
-        XMLIN_TRACE(1, "separate_path(%s %#x %d) failed(%d).", path, low32(made), *count, ret);
+        XMLIN_TRACE(1, "separate_path(%s %#x %d) failed(%d).", path, log_low32(made), *count, ret);
         return ret == XMLLIB_ERR_TOOLONG ? XMLLIB_ERR_TOOLONG : XMLLIB_ERR_INVALIDPATH;
     }
     if (*count == 0) {
@@ -186,8 +182,8 @@ int convert_found(const char *path, const Found &found, int type, void *buffer, 
     const bool size_query = buffer == nullptr;
     const int ret = make_value(text, type, buffer, size);
     if (ret != XMLLIB_OK)
-        XMLIN_TRACE(size_query ? 8 : 2, "make_value(%s %d %#x %#x) failed(%#x).", text, type, low32(buffer),
-                    low32(size), static_cast<unsigned>(ret));
+        XMLIN_TRACE(size_query ? 8 : 2, "make_value(%s %d %#x %#x) failed(%#x).", text, type,
+                    log_low32(buffer), log_low32(size), static_cast<unsigned>(ret));
     return ret;
 }
 
