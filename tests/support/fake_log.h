@@ -6,19 +6,31 @@
 #include <algorithm>
 #include <cstdarg>
 #include <cstdio>
+#include <mutex>
 #include <string>
 #include <vector>
 
-// "level|indented text" of each line the log library was given.
+// "open type level size", "level|indented text" and "close", as the log library was called.
 inline std::vector<std::string> traced;
+inline std::mutex traced_mutex;
 
 std::recursive_mutex loglibmutex;
 
-std::int32_t log_init(const char *, void **handle, std::int32_t, std::int32_t, const char *) {
+inline void keep(const std::string &line) {
+    const std::lock_guard lock(traced_mutex);
+    traced.push_back(line);
+}
+
+std::int32_t log_init(const char *modtype, void **handle, std::int32_t level, std::int32_t size,
+                      const char *) {
+    const std::lock_guard library(loglibmutex);
+    keep(std::string("open ") + modtype + " " + std::to_string(level) + " " + std::to_string(size));
     *handle = &traced;
     return LOG_OK;
 }
 std::int32_t log_term(void *) {
+    const std::lock_guard library(loglibmutex);
+    keep("close");
     return LOG_OK;
 }
 std::int32_t log_write(void *, std::int32_t level, std::int32_t, const char *, std::int32_t, const char *,
@@ -28,7 +40,7 @@ std::int32_t log_write(void *, std::int32_t level, std::int32_t, const char *, s
     va_start(arguments, format);
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
-    traced.push_back(std::to_string(level) + "|" + text);
+    keep(std::to_string(level) + "|" + text);
     return LOG_OK;
 }
 

@@ -1,0 +1,250 @@
+// The locked interface of the store: start and end, what each operation answers and traces, and many threads
+// at once. The installation is found by a link in the folder of the test; sleep() is not slept.
+#include "support/fake_log.h"
+#include "support/folder.h"
+#include "support/rows.h"
+#include "xmllib.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <map>
+#include <thread>
+#include <tuple>
+
+#include <unistd.h>
+
+extern "C" unsigned __wrap_sleep(unsigned) {
+    return 0;
+}
+
+namespace {
+
+// A store in a folder of its own, which is the current directory.
+class Xml : public testing::Test {
+protected:
+    Xml() {
+        traced.clear();
+        EXPECT_EQ(chdir(folder.path.c_str()), 0);
+        std::filesystem::create_directory_symlink(folder / "lib/libzynxml.so.1.0.0", "libzynxml.so.1.0");
+        for (const char *directory : {"etc/policy", "etc/policy.X"})
+            std::filesystem::create_directories(directory);
+        folder.write("etc/zyn.conf", "<root><a n='1'>conf</a><a n='2'/></root>");
+        for (const char *type : {"all", "log", "cluster"})
+            folder.write(std::string("etc/policy/") + type + ".pol", "<root><b>5</b></root>");
+        trace_on(true);
+    }
+    void trace_on(bool on) const {
+        folder.write("etc/policy/cluster.pol",
+                     std::string("<root><cluster><log><xml><init>") + (on ? "1" : "0") +
+                         "</init></xml></log></cluster><m><parameters><x>all</x></parameters>"
+                         "<server n='s1'><parameters><x>one</x></parameters></server></m></root>");
+    }
+    static std::string value(const char *path) {
+        char buffer[64] = "";
+        int size = sizeof(buffer);
+        const int ret = xmllib_get_value(path, XMLLIB_TYPE_STRING, buffer, &size);
+        return ret == XMLLIB_OK ? buffer : std::to_string(ret);
+    }
+    const Folder folder;
+};
+
+TEST_F(Xml, StartKeepsAllAndClusterAndTheLastEndUnloadsThem) {
+    EXPECT_EQ(xmllib_init(nullptr), XMLLIB_ERR_INVALIDARG);
+    EXPECT_EQ(value("/root/b"), "1") << "not initialised";
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(value("/root/b"), "5");
+    EXPECT_EQ(value("/root/a"), "4") << "the configuration is unloaded";
+    EXPECT_EQ(xmllib_unload_policy("log"), XMLLIB_ERR_NOTLOAD);
+    EXPECT_EQ(xmllib_term(), 0);
+    EXPECT_EQ(value("/root/b"), "5");
+    EXPECT_EQ(xmllib_term(), 0);
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    EXPECT_EQ(traced.front(), "open xml 4 1000000");
+    EXPECT_EQ(traced.back(), "close");
+    for (const char *line : {"8|=> xmllib_init() start", "4| init(rexec)", "4| unum(1)", "4| unum(2)",
+                             "2| force unload \"all\".", "2| force unload \"cluster\"."})
+        EXPECT_GE(count_traced(line), 1) << line;
+    EXPECT_EQ(count_traced("8|   search \"all\" policy ..."), 0) << "opened behind the start";
+}
+
+TEST_F(Xml, TraceIsOpenedOnlyWhereItIsAskedForAndSafe) {
+    for (const char *type : {"event", "log"}) {
+        EXPECT_EQ(xmllib_init(type), 0);
+        EXPECT_EQ(xmllib_term(), 0);
+    }
+    trace_on(false);
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(xmllib_term(), 0);
+    EXPECT_TRUE(traced.empty());
+}
+
+// The level and size are read once a process, so each case is a test of its own.
+class Settings : public Xml, public testing::WithParamInterface<std::array<std::string, 3>> {};
+TEST_P(Settings, FromTheEnvironment) {
+    const auto &[level, size, wanted] = GetParam();
+    setenv("ZYNXML_ENV_LOGLEVEL", level.c_str(), 1);
+    setenv("ZYNXML_ENV_LOGSIZE", size.c_str(), 1);
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(traced.front(), wanted);
+    EXPECT_EQ(xmllib_term(), 0);
+}
+INSTANTIATE_TEST_SUITE_P(Trace, Settings,
+                         testing::ValuesIn(std::vector<std::array<std::string, 3>>{
+                             {"0x10", "010", "open xml 16 8"},
+                             {"16k", "99999999999", "open xml 4 1000000"},
+                             {"", "-1", "open xml 0 -1"}}));
+
+// What is missing decides the code, and what has been loaded is unloaded again, but for "log" beside "all".
+TEST_F(Xml, FailedStartKeepsItsCount) {
+    for (const std::string type : {"log", "all", "cluster"}) {
+        const std::string file = folder / "etc/policy/" + type + ".pol";
+        std::filesystem::rename(file, folder / "away");
+        EXPECT_EQ(xmllib_init("rexec"), XMLLIB_ERR_NOTEXIST) << type;
+        for (const std::string loaded : {"log", "all", "cluster"})
+            EXPECT_EQ(xmllib_unload_policy(loaded.c_str()) == 0, loaded == "log" && type == "all")
+                << type << loaded;
+        EXPECT_EQ(xmllib_unload_config(), XMLLIB_ERR_NOTLOAD);
+        EXPECT_EQ(xmllib_init("rexec"), 0) << "counts only";
+        EXPECT_EQ(value("/root/b"), "2") << "nothing is loaded";
+        EXPECT_EQ(xmllib_term(), 0);
+        EXPECT_EQ(xmllib_term(), 0);
+        std::filesystem::rename(folder / "away", file);
+    }
+    EXPECT_TRUE(traced.empty());
+    std::filesystem::remove(folder / "etc/zyn.conf");
+    EXPECT_EQ(xmllib_init("rexec"), 0) << "policies alone will do";
+    EXPECT_EQ(xmllib_term(), 0);
+}
+
+TEST_F(Xml, CharsetChoosesTheDirectory) {
+    folder.write("etc/policy/all.pol", "<root><all><charset>X</charset></all><b>plain</b></root>");
+    folder.write("etc/policy.X/all.pol", "<root><b>X</b></root>");
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(value("/root/b"), "X");
+    EXPECT_EQ(xmllib_term(), 0);
+}
+
+// Each operation with its arguments, its code and what it traces, before and after the start.
+TEST_F(Xml, OperationsAnswerAndTrace) {
+    void *handle = nullptr;
+    char buffer[600];
+    int size = 0;
+    const std::string other = folder.write("other", "<root><a>other</a></root>");
+    const auto get = [&](const std::string &path, int type) {
+        size = sizeof(buffer);
+        return xmllib_get_value(path == "null" ? nullptr : path.c_str(), type, buffer, &size);
+    };
+    const auto text = [](const std::string &argument) {
+        return argument == "null" ? nullptr : argument.c_str();
+    };
+    const std::map<std::string, std::function<int(const std::string &)>> operations = {
+        {"load_policy", [&](const std::string &of) { return xmllib_load_policy(text(of)); }},
+        {"unload_policy", [&](const std::string &of) { return xmllib_unload_policy(text(of)); }},
+        {"load_config", [](const std::string &) { return xmllib_load_config(); }},
+        {"unload_config", [](const std::string &) { return xmllib_unload_config(); }},
+        {"reload_config", [](const std::string &) { return xmllib_reload_config(); }},
+        {"load_path", [&](const std::string &of) { return xmllib_load_pathconfig(text(of), &handle); }},
+        {"unload_path",
+         [&](const std::string &of) { return xmllib_unload_pathconfig(of == "null" ? nullptr : handle); }},
+        {"change",
+         [&](const std::string &of) { return xmllib_change_config(of == "null" ? nullptr : handle); }},
+        {"get", [&](const std::string &of) { return get(of, XMLLIB_TYPE_STRING); }},
+        {"get_int", [&](const std::string &of) { return get(of, XMLLIB_TYPE_INT); }},
+        {"size", [&](const std::string &of) { return xmllib_get_value(of.c_str(), 0, nullptr, &size); }},
+        {"enum",
+         [&](const std::string &of) {
+             size = sizeof(buffer);
+             return xmllib_enum_value(text(of), buffer, &size);
+         }},
+        {"server",
+         [&](const std::string &of) {
+             size = sizeof(buffer);
+             return xmllib_get_srvsep_value("s1", of.c_str(), XMLLIB_TYPE_STRING, buffer, &size);
+         }},
+    };
+    for (const Row &row : read_rows("operations.txt", 4)) {
+        const auto &[operation, argument, code, wanted] = std::tie(row[0], row[1], row[2], row[3]);
+        traced.clear();
+        std::memset(buffer, 0, sizeof(buffer));
+        const int ret = operation == "init"   ? xmllib_init("rexec")
+                        : operation == "term" ? xmllib_term()
+                                              : operations.at(operation)(argument);
+        EXPECT_EQ(std::to_string(ret), code) << operation << " " << argument;
+        const bool found = wanted.empty() || wanted == buffer || wanted == "size " + std::to_string(size) ||
+                           std::any_of(traced.begin(), traced.end(), [&](std::string line) {
+                               std::replace(line.begin(), line.end(), '|', ':');
+                               return line.find(wanted) != std::string::npos;
+                           });
+        EXPECT_TRUE(found) << operation << " " << argument << ": " << wanted;
+    }
+    EXPECT_EQ(xmllib_setlog("anything"), 0);
+}
+
+TEST_F(Xml, InstallPathNeedsNoStart) {
+    char path[8];
+    std::memset(path, 'x', sizeof(path));
+    EXPECT_EQ(xmllib_get_installpath(path, sizeof(path)), 0);
+    EXPECT_EQ(path, folder.path.substr(0, 7));
+}
+
+// Starting and ending with an open trace, opening log handles that read their settings, and using the store
+// while its file is rewritten: no deadlock, no torn value, nothing left.
+TEST_F(Xml, ManyThreads) {
+    std::atomic<bool> over{false};
+    std::atomic<int> odd{0};
+    folder.write("etc/zyn.conf", "<root><a>v</a></root>");
+    std::vector<std::jthread> threads;
+    const auto use = [&](const std::function<void()> &work) {
+        threads.emplace_back([&odd, work] {
+            for (int i = 0; i < 60; ++i)
+                work();
+        });
+    };
+    std::jthread writer([&] {
+        for (int i = 0; !over; ++i)
+            folder.write("etc/zyn.conf",
+                         i % 3 == 0 ? "<root>" : "<root><a>" + std::string(i % 7 + 1U, 'v') + "</a></root>");
+    });
+    for (int i = 0; i < 2; ++i) {
+        use([] {
+            xmllib_init("rexec");
+            xmllib_term();
+        });
+        use([] {
+            const std::lock_guard library(loglibmutex);
+            xmllib_init("log");
+            xmllib_load_config();
+            xmllib_unload_config();
+            xmllib_term();
+        });
+        use([] {
+            xmllib_init("rexec");
+            xmllib_load_policy("cluster");
+            xmllib_reload_config();
+            xmllib_unload_policy("cluster");
+            xmllib_term();
+        });
+        use([&odd] {
+            xmllib_init("rexec");
+            xmllib_load_config();
+            const std::string found = value("/root/a");
+            if (found != "4" && found != "2" && found.find_first_not_of("v") != std::string::npos)
+                ++odd;
+            xmllib_unload_config();
+            xmllib_term();
+        });
+    }
+    threads.clear();
+    over = true;
+    EXPECT_EQ(odd, 0);
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    EXPECT_EQ(count_traced("close"), std::count_if(traced.begin(), traced.end(), [](const std::string &line) {
+                  return line.starts_with("open");
+              }));
+}
+
+} // namespace
