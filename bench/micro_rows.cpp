@@ -1,6 +1,8 @@
 // Single functions that every exchange calls many times, against the least that does their work.
 #include "rows.h"
 
+#include "store.h"
+
 #include "rexeccl/packet.h"
 #include "rexeccl/trace.h"
 
@@ -114,11 +116,15 @@ struct Micro {
     const char *other;
     void (*ours)(benchmark::State &);
     void (*bare)(benchmark::State &);
+    double limit = 0;
 };
 constexpr Micro micros[] = {
     {"a trace that nobody asked for", "empty call", closed_trace, closed_trace_bare},
     {"a trace to the user log", "one fprintf", open_trace, open_trace_bare},
     {"byte order of a header", "five htonl", header_conversion, header_conversion_bare},
+    {"a value from the middle of 200 sections", "compiled XPath", query, query_xpath, 1 / 8.0},
+    {"the same, against a walk under a lock", "bare walk", query, query_bare, 2},
+    {"a value from the first section", "from the last one", query_first, query_last},
 };
 
 // Takes the figures instead of printing them.
@@ -156,5 +162,11 @@ void add_micro_rows(Rows &rows) {
                                          .other = micro.other,
                                          .ours = collector.samples[micro.name],
                                          .others = collector.samples[micro.other],
-                                         .limit = 0}));
+                                         .limit = micro.limit}));
+    const int allocations = query_allocations();
+    rows.push_back({.name = "heap allocations of a value",
+                    .ours = std::to_string(allocations),
+                    .other = "",
+                    .ratio = "",
+                    .target = "at most 1: " + verdict(allocations <= 1)});
 }

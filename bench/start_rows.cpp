@@ -12,6 +12,24 @@ constexpr int request_rounds = 100;
 constexpr int pass_rounds = 20;
 constexpr std::size_t address_limit = 32; // of the command's option
 
+Cost run_help(const char *program) {
+    const Cost cost = run({program, "--help"});
+    if (cost.exit != 0 || cost.output.find("Usage") == std::string::npos)
+        throw std::runtime_error(std::string(program) + " --help failed");
+    return cost;
+}
+
+void add_installed_help(Rows &rows) {
+    Bound beyond = {.name = "--help, installed beyond standalone", .unit = "ms", .limit = 5};
+    Samples installed;
+    alternate(
+        start_rounds, [&] { installed.push_back(run_help(ZYN_INSTALLED).wall_ms); },
+        [&] { beyond.ours.push_back(-run_help(ZYN_COMMAND).wall_ms); });
+    for (std::size_t i = 0; i < installed.size(); ++i)
+        beyond.ours[i] += installed[i];
+    rows.push_back(row_of(beyond));
+}
+
 void add_help(Rows &rows) {
     Comparison wall = {.name = "--help, start to exit", .unit = "ms", .other = "empty program", .limit = 3};
     Samples ours_waits;
@@ -19,9 +37,7 @@ void add_help(Rows &rows) {
     alternate(
         start_rounds,
         [&] {
-            const Cost cost = run({ZYN_COMMAND, "--help"});
-            if (cost.exit != 0 || cost.output.find("Usage") == std::string::npos)
-                throw std::runtime_error("--help failed");
+            const Cost cost = run_help(ZYN_COMMAND);
             wall.ours.push_back(cost.wall_ms);
             ours_waits.push_back(static_cast<double>(cost.waits));
         },
@@ -83,6 +99,7 @@ void add_passes(Rows &rows, Peer &peer) {
 
 void add_start_rows(Rows &rows, Peer &peer) {
     add_help(rows);
+    add_installed_help(rows);
     add_one_request(rows, peer);
     add_passes(rows, peer);
 }

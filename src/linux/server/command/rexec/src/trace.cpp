@@ -4,24 +4,20 @@
 #include "log.h"
 
 #include <algorithm>
-#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <shared_mutex>
 
+std::atomic<void *> _tracehandle{nullptr};
+
 namespace {
 
 constexpr std::size_t line_size = 1024;
 
 std::atomic<int> _traceinit{0}; // calls of traceopen since the trace was opened
-std::atomic<void *> _tracehandle{nullptr};
-std::shared_mutex writers; // shared while a line is written, so that no handle is freed under its writer
-
-bool closed() {
-    return _tracehandle.load() == nullptr;
-}
+std::shared_mutex writers;      // shared while a line is written, so that no handle is freed under its writer
 
 void format_line(std::int32_t level, const char *file, std::int32_t line, const char *function, int indent,
                  const char *format, va_list arguments) {
@@ -33,7 +29,7 @@ void format_line(std::int32_t level, const char *file, std::int32_t line, const 
 } // namespace
 
 void traceopen(const char *name, std::int32_t level, std::int32_t size, const char *path) {
-    if (closed()) {
+    if (!trace_is_open()) {
         void *handle = nullptr;
         log_init(name, &handle, level, size, path);
         _tracehandle = handle;
@@ -53,7 +49,7 @@ void traceclose() {
 
 void traceex(std::int32_t level, const char *file, std::int32_t line, const char *function, int indent,
              const char *message) {
-    if (closed())
+    if (!trace_is_open())
         return;
     const std::shared_lock lock(writers);
     void *handle = _tracehandle;
@@ -71,7 +67,7 @@ void traceex(std::int32_t level, const char *file, std::int32_t line, const char
 
 void trace(std::int32_t level, const char *file, std::int32_t line, const char *function, const char *format,
            ...) {
-    if (closed())
+    if (!trace_is_open())
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -81,7 +77,7 @@ void trace(std::int32_t level, const char *file, std::int32_t line, const char *
 
 void trace2(std::int32_t level, const char *file, std::int32_t line, const char *function, const char *format,
             ...) {
-    if (closed())
+    if (!trace_is_open())
         return;
     va_list arguments;
     va_start(arguments, format);
@@ -91,7 +87,7 @@ void trace2(std::int32_t level, const char *file, std::int32_t line, const char 
 
 void trace4(std::int32_t level, const char *file, std::int32_t line, const char *function, const char *format,
             ...) {
-    if (closed())
+    if (!trace_is_open())
         return;
     va_list arguments;
     va_start(arguments, format);

@@ -1,6 +1,7 @@
 // The configuration store's own trace, written through the log library.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 
 // Opens the trace under a name unless it is open; counts every call. `path` is the log directory or null.
@@ -8,6 +9,12 @@ void traceopen(const char *name, std::int32_t level, std::int32_t size, const ch
 
 // Closes the trace whatever the count; nothing while it is closed. Waits for lines that are being written.
 void traceclose();
+
+// The log handle of the trace, null while it is closed.
+extern std::atomic<void *> _tracehandle;
+inline bool trace_is_open() {
+    return _tracehandle.load(std::memory_order_relaxed) != nullptr;
+}
 
 // Write one line at a level, indented by 0, 2 or 4; a message is cut at 1023 bytes. While the trace is
 // closed nothing is formatted. Any thread may call them.
@@ -22,7 +29,15 @@ void trace4(std::int32_t level, const char *file, std::int32_t line, const char 
 void traceex(std::int32_t level, const char *file, std::int32_t line, const char *function, int indent,
              const char *message);
 
+// Calls one of them, and evaluates its arguments, only while the trace is open: a query has many lines.
+#define XML_WRITE(function, ...) (trace_is_open() ? function(__VA_ARGS__) : void())
+
 // The engine's lines: messages, and entry and exit of a function.
-#define XMLIN_TRACE(level, ...) trace4((level), "src/xmlin", __LINE__, __func__, __VA_ARGS__)
-#define XMLIN_ENTER() trace2(16, "src/xmlin", __LINE__, __func__, "=> %s() start", __func__)
-#define XMLIN_EXIT() trace2(16, "src/xmlin", __LINE__, __func__, "<= %s() end", __func__)
+#define XMLIN_TRACE(level, ...) XML_WRITE(trace4, (level), "src/xmlin", __LINE__, __func__, __VA_ARGS__)
+#define XMLIN_ENTER() XML_WRITE(trace2, 16, "src/xmlin", __LINE__, __func__, "=> %s() start", __func__)
+#define XMLIN_EXIT() XML_WRITE(trace2, 16, "src/xmlin", __LINE__, __func__, "<= %s() end", __func__)
+
+// The interface's lines.
+#define XML_TRACE(level, ...) XML_WRITE(trace2, (level), "src/xml", __LINE__, __func__, __VA_ARGS__)
+#define XML_ENTER() XML_WRITE(trace, 8, "src/xml", __LINE__, __func__, "=> %s() start", __func__)
+#define XML_EXIT() XML_WRITE(trace, 8, "src/xml", __LINE__, __func__, "<= %s() end", __func__)

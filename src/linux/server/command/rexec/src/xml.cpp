@@ -26,11 +26,6 @@
 
 #include <libxml/parser.h>
 
-// The interface's lines: messages, and entry and exit of an operation.
-#define XML_TRACE(level, ...) trace2((level), "src/xml", __LINE__, __func__, __VA_ARGS__)
-#define XML_ENTER() trace(LOG_LEVEL_TRACE, "src/xml", __LINE__, __func__, "=> %s() start", __func__)
-#define XML_EXIT() trace(LOG_LEVEL_TRACE, "src/xml", __LINE__, __func__, "<= %s() end", __func__)
-
 namespace {
 
 constexpr char charset_key[] = "/root/all/charset";
@@ -48,16 +43,16 @@ std::atomic<int> _xml_initxml{0}; // calls of xmllib_init that xmllib_term has n
 class Operation {
 public:
     Operation(const char *name, int line) : name_(name), line_(line), lock_(xmlldmutex) {
-        trace(LOG_LEVEL_TRACE, "src/xml", line_, name_, "=> %s() start", name_);
+        XML_WRITE(trace, 8, "src/xml", line_, name_, "=> %s() start", name_);
     }
-    ~Operation() { trace(LOG_LEVEL_TRACE, "src/xml", line_, name_, "<= %s() end", name_); }
+    ~Operation() { XML_WRITE(trace, 8, "src/xml", line_, name_, "<= %s() end", name_); }
     Operation(const Operation &) = delete;
     Operation &operator=(const Operation &) = delete;
 
     bool initialized() const {
         if (_xml_initxml > 0)
             return true;
-        trace2(1, "src/xml", line_, name_, "not initialized.");
+        XML_WRITE(trace2, 1, "src/xml", line_, name_, "not initialized.");
         return false;
     }
 
@@ -181,8 +176,8 @@ int load_bases(const char *modtype) {
         return XMLLIB_OK;
     if (std::find(_xml_nologtype.begin(), _xml_nologtype.end(), modtype) == _xml_nologtype.end())
         open_trace();
-    trace(LOG_LEVEL_TRACE, "src/xml", __LINE__, "xmllib_init", "=> %s() start", "xmllib_init");
-    trace2(LOG_LEVEL_INFO, "src/xml", __LINE__, "xmllib_init", "init(%s)", modtype);
+    XML_WRITE(trace, 8, "src/xml", __LINE__, "xmllib_init", "=> %s() start", "xmllib_init");
+    XML_WRITE(trace2, 4, "src/xml", __LINE__, "xmllib_init", "init(%s)", modtype);
     return XMLLIB_OK;
 }
 

@@ -417,12 +417,12 @@ int set_current(ZYNXML_XMLDOC *handle) {
 }
 
 void err_handler(void *, const char *format, ...) {
-    trace(8, "src/xml", __LINE__, __func__, "=> %s() start", __func__);
+    XML_ENTER();
     char message[1024];
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(message, sizeof(message), format, arguments);
     va_end(arguments);
-    trace2(1, "src/xml", __LINE__, __func__, "xmlerr=\"%s\".", message);
-    trace(16, "src/xml", __LINE__, __func__, "<= %s() end", __func__);
+    XML_TRACE(1, "xmlerr=\"%s\".", message);
+    XML_WRITE(trace, 16, "src/xml", __LINE__, __func__, "<= %s() end", __func__);
 }

@@ -26,12 +26,6 @@ struct Free {
 };
 using Records = std::unique_ptr<ZYNXML_ELEMENT, Free>;
 
-// A text that ends at its NUL or at the end of its field.
-template <std::size_t N>
-std::string_view text_of(const char (&field)[N]) {
-    return {field, strnlen(field, N)};
-}
-
 std::string_view text_of(const xmlChar *text) {
     return text != nullptr ? std::string_view(reinterpret_cast<const char *>(text)) : std::string_view();
 }
@@ -43,13 +37,20 @@ const xmlChar *first_attribute(const xmlNode *node) {
     return node->properties->children->content;
 }
 
+bool has_name(const xmlNode *node, const ZYNXML_ELEMENT &record) {
+    constexpr std::size_t width = sizeof(record.name); // a name that fills it has no NUL
+    const char *name = reinterpret_cast<const char *>(node->name);
+    return std::strncmp(name, record.name, width) == 0 &&
+           (record.name[width - 1] == '\0' || name[width] == '\0');
+}
+
 bool matches(const xmlNode *node, const ZYNXML_ELEMENT &record, bool compare_attr) {
-    if (node->type != XML_ELEMENT_NODE || text_of(node->name) != text_of(record.name))
+    if (node->type != XML_ELEMENT_NODE || !has_name(node, record))
         return false;
     if (!compare_attr || record.attr[0] == '\0')
         return true;
     const xmlChar *value = first_attribute(node);
-    return value != nullptr && text_of(value) == text_of(record.attr);
+    return value != nullptr && std::strcmp(reinterpret_cast<const char *>(value), record.attr) == 0;
 }
 
 // The scan over a path: the record and the field that the next text goes into.
