@@ -33,6 +33,7 @@ std::string document(const std::string &value) {
 class File : public testing::Test {
 protected:
     File() {
+        slept = 0;
         std::filesystem::create_directories(folder / "etc");
         std::snprintf(_xml_installpath, sizeof(_xml_installpath), "%s", folder.path.c_str());
         form_paths();
@@ -156,16 +157,21 @@ TEST_F(File, AttemptsAndTheirCodes) {
     })) << "libxml2's own message";
     EXPECT_EQ(load_config((folder / "no/such/file").c_str(), nullptr), XMLLIB_ERR_INVALIDPATH);
     EXPECT_EQ(slept, 9);
+    ASSERT_EQ(mkfifo((folder / "fifo").c_str(), 0600), 0);
+    std::filesystem::resize_file(folder.write("huge", ""), 1ULL << 30);
+    for (const char *other : {"fifo", "huge", "etc"})
+        EXPECT_EQ(load_config((folder / other).c_str(), nullptr), XMLLIB_ERR_INVALIDPATH) << other;
+    EXPECT_EQ(slept, 18);
     std::filesystem::remove_all(folder / "etc");
     EXPECT_EQ(load_config(nullptr, nullptr), XMLLIB_ERR_INVALIDPATH) << "nothing is installed";
-    EXPECT_EQ(slept, 9);
+    EXPECT_EQ(slept, 18);
     EXPECT_FALSE(check_load());
     // A file that is whole again by the next attempt.
     write("etc/zyn.conf", "<root>");
     while_asleep = [this] { write("etc/zyn.conf", document("whole")); };
     EXPECT_EQ(load_config(nullptr, nullptr), 0);
     EXPECT_EQ(value(), "whole");
-    EXPECT_EQ(slept, 10);
+    EXPECT_EQ(slept, 19);
     while_asleep = nullptr;
 }
 

@@ -82,21 +82,21 @@ TEST_F(Xml, TraceIsOpenedOnlyWhereItIsAskedForAndSafe) {
     EXPECT_TRUE(traced.empty());
 }
 
-// The level and size are read once a process, so each case is a test of its own.
-class Settings : public Xml, public testing::WithParamInterface<std::array<std::string, 3>> {};
-TEST_P(Settings, FromTheEnvironment) {
-    const auto &[level, size, wanted] = GetParam();
-    setenv("ZYNXML_ENV_LOGLEVEL", level.c_str(), 1);
-    setenv("ZYNXML_ENV_LOGSIZE", size.c_str(), 1);
-    EXPECT_EQ(xmllib_init("rexec"), 0);
-    EXPECT_EQ(traced.front(), wanted);
-    EXPECT_EQ(xmllib_term(), 0);
+// Level and size are read once a process, so each row has one of its own.
+using XmlDeathTest = Xml;
+TEST_F(XmlDeathTest, TraceSettingsFromTheEnvironment) {
+    for (const auto &[level, size, wanted] :
+         std::vector<std::array<const char *, 3>>{{"0x10", "010", "open xml 16 8"},
+                                                  {"16k", "99999999999", "open xml 4 1000000"},
+                                                  {"", "-1", "open xml 0 -1"}}) {
+        const auto started = [&] {
+            setenv("ZYNXML_ENV_LOGLEVEL", level, 1);
+            setenv("ZYNXML_ENV_LOGSIZE", size, 1);
+            return xmllib_init("rexec") == 0 && traced.front() == wanted;
+        };
+        EXPECT_EXIT(_exit(started() ? 0 : 1), testing::ExitedWithCode(0), "") << wanted;
+    }
 }
-INSTANTIATE_TEST_SUITE_P(Trace, Settings,
-                         testing::ValuesIn(std::vector<std::array<std::string, 3>>{
-                             {"0x10", "010", "open xml 16 8"},
-                             {"16k", "99999999999", "open xml 4 1000000"},
-                             {"", "-1", "open xml 0 -1"}}));
 
 // What is missing decides the code, and what has been loaded is unloaded again, but for "log" beside "all".
 TEST_F(Xml, FailedStartKeepsItsCount) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include <fcntl.h>
 #include <libxml/parser.h>
 #include <libxml/xmlerror.h>
 #include <sys/stat.h>
@@ -35,7 +36,8 @@ std::array<char[XML_PATH_SIZE], 6> _policypath;
 namespace {
 
 constexpr int parse_attempts = 3;
-constexpr unsigned attempt_gap = 1; // seconds
+constexpr unsigned attempt_gap = 1;              // seconds
+constexpr off_t file_size_max = off_t{64} << 20; // bytes; a parsed document takes several times its file
 
 constexpr auto policy_directories = std::to_array<const char *>(
     {"", "resource/", "monitor/", "heartbeat/", "networkpartition/", "forcestop/"});
@@ -46,10 +48,39 @@ struct FreeDoc {
 };
 using Document = std::unique_ptr<xmlDoc, FreeDoc>;
 
+class Descriptor {
+public:
+    explicit Descriptor(int fd) : fd_(fd) {}
+    ~Descriptor() {
+        if (fd_ != -1)
+            close(fd_);
+    }
+    Descriptor(const Descriptor &) = delete;
+    Descriptor &operator=(const Descriptor &) = delete;
+    int get() const { return fd_; }
+
+private:
+    int fd_;
+};
+
+// Only a file of a sane size is read: a FIFO in its place would be waited for without end.
+bool is_readable(int fd) {
+    struct stat status = {};
+    if (fd == -1 || fstat(fd, &status) != 0)
+        return false;
+    errno = S_ISREG(status.st_mode) ? EFBIG : EINVAL;
+    return S_ISREG(status.st_mode) && status.st_size <= file_size_max;
+}
+
 // Nothing outside the file is fetched and no entity is expanded beyond what libxml2 allows by itself.
 Document parse_once(const char *file) {
+    const Descriptor fd(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!is_readable(fd.get())) {
+        err_handler(nullptr, "%s: %s", file, std::strerror(errno));
+        return nullptr;
+    }
     xmlSetGenericErrorFunc(nullptr, err_handler); // per thread
-    return Document(xmlReadFile(file, nullptr, XML_PARSE_NONET));
+    return Document(xmlReadFd(fd.get(), file, nullptr, XML_PARSE_NONET));
 }
 
 // Whether the directory of the cluster configuration exists: without it there is no file that could be in
