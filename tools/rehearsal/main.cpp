@@ -1,4 +1,5 @@
 // zynrehearse: a stand-in data transfer server to rehearse against.
+#include "install_tree.h"
 #include "server.h"
 
 #include <CLI/CLI.hpp>
@@ -10,6 +11,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iostream>
+#include <optional>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -23,6 +25,7 @@ struct Arguments {
     rehearsal::Options server{};
     std::vector<std::string> faults{};
     std::filesystem::path port_file{};
+    std::optional<std::filesystem::path> install_tree{};
     bool quiet = false;
 };
 
@@ -51,11 +54,22 @@ void declare(CLI::App &app, Arguments &arguments) {
                    "Write the bytes of each packet into numbered files of this folder")
         ->type_name("DIR");
     app.add_flag("-q,--quiet", arguments.quiet, "Print no line for each exchange");
+    app.add_option("--install-tree", arguments.install_tree,
+                   "Lay out an installation of the command in this folder, tell how to use it, and end;\n"
+                   "changed settings that are there already stay. Stands alone")
+        ->type_name("DIR");
     app.footer(
         "Faults, written [check-|request-|terminate-|all-]NAME[:N]; the prefix chooses which exchange is\n"
         "struck in place of the usual one (for most the request):\n" +
         rehearsal::fault_help() +
-        "\nExit status: 0 stopped by SIGINT or SIGTERM, 1 could not start, 2 wrong options.");
+        "\nExit status: 0 stopped by SIGINT or SIGTERM, or the tree is laid out; 1 could not start, or\n"
+        "could not lay it out; 2 wrong options.");
+}
+
+void check_alone(const CLI::App &app) {
+    if (app.count("--install-tree") > 0 && app.parse_order().size() > 1) {
+        throw CLI::ValidationError("--install-tree", "goes with no other option");
+    }
 }
 
 // Splits ADDRESS=FAULT at the first equals sign.
@@ -126,11 +140,16 @@ int main(int argc, char **argv) {
     declare(app, arguments);
     try {
         app.parse(argc, argv);
+        check_alone(app);
         split_faults(arguments);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : exit_usage;
     }
     try {
+        if (arguments.install_tree) {
+            rehearsal::lay_out_tree(*arguments.install_tree, std::cout);
+            return 0;
+        }
         return serve(arguments);
     } catch (const std::invalid_argument &error) {
         std::cerr << "zynrehearse: " << error.what() << '\n';
