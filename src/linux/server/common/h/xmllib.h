@@ -16,8 +16,8 @@ enum : int {
     XMLLIB_ERR_NOSIZE = 3,       // buffer too small; the size needed has been stored
     XMLLIB_ERR_NOTEXIST = 4,     // the key or the policy file does not exist
     XMLLIB_ERR_NOCONTENTS = 5,   // the element exists but holds no text
-    XMLLIB_ERR_INVALIDPATH = 6,  // invalid path, or the configuration file could not be parsed
-    XMLLIB_ERR_DOCUMENT = 7,     // a file parsed to an empty document
+    XMLLIB_ERR_INVALIDPATH = 6,  // invalid path, or a configuration could not be parsed or examined
+    XMLLIB_ERR_DOCUMENT = 7,     // an empty document, or a policy that could not be parsed
     XMLLIB_ERR_NOHANDLE = 8,     // null configuration handle
     XMLLIB_ERR_INVALIDVALUE = 9, // the text is not a valid number
     XMLLIB_ERR_INVALIDARG = 10,  // invalid argument or value type, or the table is full

@@ -69,7 +69,7 @@ unsigned hex(int ret) {
     return static_cast<unsigned>(ret);
 }
 
-bool check_path(const char *path) {
+bool is_path(const char *path) {
     if (path == nullptr)
         XML_TRACE(1, "path is null.");
     else if (*path == '\0')
@@ -80,11 +80,19 @@ bool check_path(const char *path) {
         XML_TRACE(1, "\"%s\" ended by \"/\".", path);
     else
         return true;
-    XML_TRACE(8, "check_path() failed.");
     return false;
 }
 
-// A number from the environment; what is not one leaves the default.
+bool check_path(const char *path) {
+    XML_ENTER();
+    const bool valid = is_path(path);
+    XML_EXIT();
+    if (!valid)
+        XML_TRACE(8, "check_path() failed.");
+    return valid;
+}
+
+// A number from the environment; what is not one, or is too large for one, leaves the default.
 int read_environment(const char *name, int otherwise) {
     const char *text = std::getenv(name);
     if (text == nullptr)

@@ -91,7 +91,7 @@ bool have_conf_directory() {
     if (char *slash = std::strrchr(directory, '/'); slash != nullptr)
         *slash = '\0';
     struct stat status = {};
-    return stat(directory, &status) == 0 || (errno != ENOENT && errno != ENOTDIR);
+    return stat(directory, &status) == 0 ? S_ISDIR(status.st_mode) : errno != ENOENT && errno != ENOTDIR;
 }
 
 // Tries again a second later, for a file that is being rewritten at this moment.
@@ -123,7 +123,8 @@ bool unchanged(const struct stat &before, const struct stat &after) {
 struct Configuration {
     Document doc;
     struct stat status;
-    int ret; // 0, or why there is none
+    int ret;             // 0, or why there is none
+    bool settled = true; // the file was the same before and after
 };
 
 Configuration parse_default(const char *label) {
@@ -143,8 +144,7 @@ Configuration parse_default(const char *label) {
         if (known && unchanged(before, result.status))
             return result;
     }
-    // It never stood still: what is remembered differs from any file, so that the next reload parses it.
-    result.status.st_size = -1;
+    result.settled = false;
     return result;
 }
 
@@ -168,9 +168,10 @@ ZYNXML_XMLDOC *take_slot() {
     return slot;
 }
 
-void set_file_status(ZYNXML_XMLDOC *slot, const struct stat &status) {
-    slot->timestamp = status.st_mtim.tv_sec;
-    slot->filesize = status.st_size;
+// What is remembered of a file that never stood still differs from any file: the next reload parses it.
+void set_file_status(ZYNXML_XMLDOC *slot, const Configuration &parsed) {
+    slot->timestamp = parsed.status.st_mtim.tv_sec;
+    slot->filesize = parsed.settled ? parsed.status.st_size : -1;
 }
 
 int load_new_policy(const char *type, const char *charset) {
@@ -244,7 +245,7 @@ int load_default(ZYNXML_XMLDOC **handle) {
         if (slot == nullptr)
             return XMLLIB_ERR_INVALIDARG;
         fill_slot(slot, _xml_confpath, XMLDOC_TYPE_DEFAULT, std::move(parsed.doc));
-        set_file_status(slot, parsed.status);
+        set_file_status(slot, parsed);
         set_current(nullptr);
     }
     if (handle != nullptr)
@@ -314,7 +315,7 @@ int reload_changed(ZYNXML_XMLDOC *slot) {
     XMLIN_TRACE(8, "default config reload success!");
     xmlFreeDoc(slot->doc);
     slot->doc = parsed.doc.release();
-    set_file_status(slot, parsed.status);
+    set_file_status(slot, parsed);
     return XMLLIB_OK;
 }
 
@@ -448,6 +449,8 @@ int set_current(ZYNXML_XMLDOC *handle) {
 }
 
 void err_handler(void *, const char *format, ...) {
+    if (!trace_is_open())
+        return;
     XML_ENTER();
     char message[1024];
     va_list arguments;

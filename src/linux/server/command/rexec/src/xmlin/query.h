@@ -6,9 +6,9 @@
 
 #include "xmlin.h"
 
-// One step of a path. Both fields may fill their width without a NUL.
+// One step of a path.
 struct ZYNXML_ELEMENT {
-    char name[32];
+    char name[32];  // without a NUL where it fills its width
     char attr[256]; // value that the first attribute must have; empty for any
 };
 
