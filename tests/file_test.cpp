@@ -201,6 +201,12 @@ TEST_F(File, EntitiesStayWhereTheyAre) {
           "<!DOCTYPE root [<!ENTITY e SYSTEM '" + (folder / "secret") + "'>]><root><a>&e;</a></root>");
     EXPECT_EQ(load_config(nullptr, nullptr), 0);
     EXPECT_NE(value(), "secret");
+    std::string bomb = "<!DOCTYPE root [<!ENTITY e0 'boom'>";
+    for (int i = 1; i < 30; ++i)
+        bomb += "<!ENTITY e" + std::to_string(i) + " '&e" + std::to_string(i - 1) + ";&e" +
+                std::to_string(i - 1) + ";'>";
+    const std::string file = folder.write("bomb", bomb + "]><root><a>&e29;</a></root>");
+    EXPECT_EQ(load_config(file.c_str(), nullptr), XMLLIB_ERR_INVALIDPATH);
 }
 
 TEST_F(File, FullTableRefuses) {

@@ -16,8 +16,19 @@
 
 #include <unistd.h>
 
+namespace {
+
+clock_t counter = 0; // what the system's clock returns, with an error number
+int counter_error = 0;
+
+} // namespace
+
 extern "C" unsigned __wrap_sleep(unsigned) {
     return 0;
+}
+extern "C" clock_t __wrap_times(struct tms *) {
+    errno = counter_error;
+    return counter;
 }
 
 namespace {
@@ -184,6 +195,32 @@ TEST_F(Xml, OperationsAnswerAndTrace) {
     EXPECT_EQ(xmllib_setlog("anything"), 0);
 }
 
+// The system library takes the counts from -4095 to -1 for errors.
+TEST_F(Xml, ClockIsMended) {
+    struct Case {
+        clock_t counter;
+        int error;
+        clock_t wanted;
+        const char *line;
+    };
+    for (const Case &row :
+         std::vector<Case>{{-4096, 0, -4096, ""},
+                           {-1, 4095, -4095, "2|starting to change return value of times().(errno=4095)"},
+                           {-1, 200, -200, ""},
+                           {-1, 1, 0, "2|invalid return value(-1). errno=1"},
+                           {5, 0, 5, "4|stopping to change return value of times()."},
+                           {6, 0, 6, ""}}) {
+        traced.clear();
+        counter = row.counter;
+        counter_error = row.error;
+        EXPECT_EQ(xmllib_times(), row.wanted);
+        std::vector<std::string> wanted = {"open times 4 100000", row.line, "close"};
+        if (*row.line == '\0')
+            wanted.clear();
+        EXPECT_EQ(traced, wanted) << row.line;
+    }
+}
+
 TEST_F(Xml, InstallPathNeedsNoStart) {
     char path[8];
     std::memset(path, 'x', sizeof(path));
@@ -192,59 +229,70 @@ TEST_F(Xml, InstallPathNeedsNoStart) {
 }
 
 // Starting and ending with an open trace, opening log handles that read their settings, and using the store
-// while its file is rewritten: no deadlock, no torn value, nothing left.
+// while its file is replaced, at times by a broken one: no deadlock, no torn value, nothing left.
 TEST_F(Xml, ManyThreads) {
+    const auto replace_file = [this](int i) {
+        const std::string text =
+            i % 4 == 3 ? "<root>" : "<root><a>" + std::string(i % 4 + 1U, 'v') + "</a></root>";
+        std::filesystem::rename(folder.write("etc/new", text), folder / "etc/zyn.conf");
+    };
+    replace_file(0);
+    EXPECT_EQ(xmllib_init("log"), 0); // holds a use of the configuration, for all
+    EXPECT_EQ(xmllib_load_config(), 0);
     std::atomic<bool> over{false};
     std::atomic<int> odd{0};
-    folder.write("etc/zyn.conf", "<root><a>v</a></root>");
-    std::vector<std::jthread> threads;
-    const auto use = [&](const std::function<void()> &work) {
-        threads.emplace_back([&odd, work] {
-            for (int i = 0; i < 60; ++i)
-                work();
+    const std::vector<std::function<void()>> works = {[] {
+                                                          xmllib_init("rexec");
+                                                          xmllib_term();
+                                                      },
+                                                      [] {
+                                                          const std::lock_guard library(loglibmutex);
+                                                          xmllib_init("log");
+                                                          xmllib_term();
+                                                      },
+                                                      [] {
+                                                          if (xmllib_load_policy("cluster") == 0)
+                                                              xmllib_unload_policy("cluster");
+                                                          xmllib_reload_config();
+                                                      },
+                                                      [&odd] {
+                                                          const std::string found = value("/root/a");
+                                                          odd += found.empty() ||
+                                                                 found.find_first_not_of("v") != found.npos;
+                                                          if (xmllib_load_config() == 0)
+                                                              xmllib_unload_config();
+                                                      }};
+    {
+        std::jthread writer([&] {
+            for (int i = 0; !over; ++i)
+                replace_file(i);
         });
-    };
-    std::jthread writer([&] {
-        for (int i = 0; !over; ++i)
-            folder.write("etc/zyn.conf",
-                         i % 3 == 0 ? "<root>" : "<root><a>" + std::string(i % 7 + 1U, 'v') + "</a></root>");
-    });
-    for (int i = 0; i < 2; ++i) {
-        use([] {
-            xmllib_init("rexec");
-            xmllib_term();
-        });
-        use([] {
-            const std::lock_guard library(loglibmutex);
-            xmllib_init("log");
-            xmllib_load_config();
-            xmllib_unload_config();
-            xmllib_term();
-        });
-        use([] {
-            xmllib_init("rexec");
-            xmllib_load_policy("cluster");
-            xmllib_reload_config();
-            xmllib_unload_policy("cluster");
-            xmllib_term();
-        });
-        use([&odd] {
-            xmllib_init("rexec");
-            xmllib_load_config();
-            const std::string found = value("/root/a");
-            if (found != "4" && found != "2" && found.find_first_not_of("v") != std::string::npos)
-                ++odd;
-            xmllib_unload_config();
-            xmllib_term();
-        });
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < 8; ++i)
+            threads.emplace_back([&work = works[i % works.size()]] {
+                for (int round = 0; round < 100; ++round)
+                    work();
+            });
+        threads.clear();
+        over = true;
     }
-    threads.clear();
-    over = true;
     EXPECT_EQ(odd, 0);
+    EXPECT_EQ(xmllib_unload_config(), 0);
+    EXPECT_EQ(xmllib_unload_config(), XMLLIB_ERR_NOTLOAD);
+    EXPECT_EQ(xmllib_term(), 0);
     EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
-    EXPECT_EQ(count_traced("close"), std::count_if(traced.begin(), traced.end(), [](const std::string &line) {
-                  return line.starts_with("open");
-              }));
+    // The trace is opened by a first start only, and that one was of the type "log": start and end alone.
+    {
+        std::vector<std::jthread> threads;
+        for (std::size_t i = 0; i < 4; ++i)
+            threads.emplace_back([&work = works[i % 2]] {
+                for (int round = 0; round < 100; ++round)
+                    work();
+            });
+    }
+    EXPECT_GT(count_traced("close"), 0);
+    EXPECT_EQ(count_traced("close"), count_traced("open xml 4 1000000"));
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
 }
 
 } // namespace
