@@ -21,7 +21,6 @@
 
 namespace {
 
-using rehearsal::Server;
 using namespace std::chrono_literals;
 
 // Entries of a directory of this process, such as its open descriptors or its threads.
@@ -36,7 +35,7 @@ int count_entries(const char *path) {
 
 // What this process holds: nothing of a session may be left in it.
 struct Held {
-    void expect_again(const Server &peer) const {
+    void expect_again(const Peer &peer) const {
         EXPECT_TRUE(peer.recorder().wait_until_closed(10s));
         EXPECT_EQ(count_entries("/proc/self/fd"), descriptors);
         expect_threads_again();
@@ -107,50 +106,27 @@ std::vector<char> script_payload() {
     return payload;
 }
 
-struct CheckRow {
-    const char *address;
-    const char *fault; // of the rehearsal server, "" for none
-    std::int32_t ret;
-    std::int32_t nstatus;
-};
-
-const std::vector<CheckRow> check_rows = {
-    {"127.0.0.1", "", 0, 0},
-    {"127.0.0.2", "refuse", 4, 7},
-    {"127.0.0.3", "check-silent", 4, 8},
-    {"127.0.0.4", "check-close-before", 4, 7},
-    {"127.0.0.5", "check-reset-header", 4, 7},
-    {"127.0.0.6", "check-wrong-magic", 4, 7},
-    {"127.0.0.7", "check-wrong-code", 10, 18},
-    {"127.0.0.8", "busy", 10, 9},
-    {"127.0.0.9", "check-status:28", 10, 28},
-    {"127.0.0.10", "check-oversized", 4, 7},
-    {"127.0.0.11", "check-drip:1", 0, 0},
-};
-
 TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
-    rehearsal::Options options = faulty_options(check_rows);
-    const std::vector<std::string> all = options.addresses;
-    Server peer(std::move(options));
-    peer.start();
+    const std::vector<Row> rows = read_rows("checks.txt", 4);
+    const Peer peer(faulty_options(rows));
     const Held before;
-    for (const CheckRow &row : check_rows) {
-        const Nodes nodes = make_nodes({row.address});
+    for (const Row &row : rows) {
+        const Nodes nodes = make_nodes({row[0]});
         REXECCL_CONNECTION_INFO *handle = nullptr;
-        EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), row.ret) << row.fault;
-        EXPECT_EQ(nodes->nstatus, row.nstatus) << row.fault;
-        EXPECT_EQ(handle != nullptr, row.ret == 0) << row.fault;
+        EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), std::stoi(row[2])) << row[1];
+        EXPECT_EQ(nodes->nstatus, std::stoi(row[3])) << row[1];
+        EXPECT_EQ(handle != nullptr, row[2] == "0") << row[1];
         if (handle != nullptr) {
             EXPECT_EQ(rexeccl_disconnect_ex(handle, nodes.get()), 0);
         }
     }
     // All of them in one list: those that answered are connected, and only they.
-    const Nodes nodes = make_nodes(all);
+    const Nodes nodes = make_nodes(peer.addresses());
     REXECCL_CONNECTION_INFO *handle = nullptr;
     EXPECT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 7);
     const REXECCL_NODE_INFO *node = nodes.get();
-    for (const CheckRow &row : check_rows) {
-        EXPECT_EQ(node->nstatus, row.nstatus) << row.fault;
+    for (const Row &row : rows) {
+        EXPECT_EQ(node->nstatus, std::stoi(row[3])) << row[1];
         node = node->next;
     }
     ASSERT_NE(handle, nullptr);
@@ -164,52 +140,20 @@ TEST_F(Client, EachNodeTellsItsOwnOutcomeOfTheCheck) {
     before.expect_again(peer);
 }
 
-struct RequestRow {
-    const char *address;
-    const char *fault;
-    std::int32_t status;
-    std::uint32_t out_size;
-};
-
-const std::vector<RequestRow> request_rows = {
-    {"127.0.0.1", "", 0, 264},
-    {"127.0.0.2", "silent-request", 8, 0},
-    {"127.0.0.3", "close-before", 7, 0},
-    {"127.0.0.4", "close-header", 7, 0},
-    {"127.0.0.5", "close-after-header", 7, 0},
-    {"127.0.0.6", "close-body", 7, 0},
-    {"127.0.0.7", "close-after", 0, 264},
-    {"127.0.0.8", "reset-before", 7, 0},
-    {"127.0.0.9", "reset-body", 7, 0},
-    {"127.0.0.10", "wrong-magic", 7, 0},
-    {"127.0.0.11", "wrong-code", 18, 0},
-    {"127.0.0.12", "oversized", 7, 0},
-    {"127.0.0.13", "huge-size", 7, 0},
-    {"127.0.0.14", "short-body:7", 7, 0},
-    {"127.0.0.15", "lie-inner", 7, 0},
-    {"127.0.0.16", "drip:1", 0, 264},
-    {"127.0.0.17", "status:22", 22, 0},
-    {"127.0.0.18", "status:4711", 4711, 0},
-    {"127.0.0.19", "unterminated", 0, 264},
-    {"127.0.0.20", "drip:20", 8, 0}, // given up inside the body
-};
-
 TEST_F(Client, EachConnectionTellsItsOwnOutcomeOfTheRequest) {
-    rehearsal::Options options = faulty_options(request_rows);
-    const std::vector<std::string> all = options.addresses;
-    Server peer(std::move(options));
-    peer.start();
+    const std::vector<Row> rows = read_rows("requests.txt", 4);
+    const Peer peer(faulty_options(rows));
     const Held before;
-    const Nodes nodes = make_nodes(all);
+    const Nodes nodes = make_nodes(peer.addresses());
     REXECCL_CONNECTION_INFO *handle = nullptr;
     ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
     std::vector<char> payload = script_payload();
     EXPECT_EQ(request(handle, payload, 3), 7);
     const REXECCL_CONNECTION_INFO *at = handle;
-    for (const RequestRow &row : request_rows) {
-        EXPECT_EQ(at->status, row.status) << row.fault;
-        EXPECT_EQ(at->datainfo.execparam.out_size, row.out_size) << row.fault;
-        EXPECT_EQ(at->datainfo.execparam.out_data != nullptr, row.out_size != 0) << row.fault;
+    for (const Row &row : rows) {
+        EXPECT_EQ(at->status, std::stoi(row[2])) << row[1];
+        EXPECT_EQ(at->datainfo.execparam.out_size, std::stoul(row[3])) << row[1];
+        EXPECT_EQ(at->datainfo.execparam.out_data != nullptr, row[3] != "0") << row[1];
         std::free(at->datainfo.execparam.out_data);
         at = at->next;
     }
@@ -228,8 +172,7 @@ TEST_F(Client, AnswerWithoutDataAndRequestWithoutPayload) {
         answer[59] = 35;
         return rehearsal::RawAnswer{.bytes = {answer.begin(), answer.end()}};
     };
-    Server peer(std::move(options));
-    peer.start();
+    const Peer peer(std::move(options));
     const Nodes nodes = make_nodes({"127.0.0.1"});
     REXECCL_CONNECTION_INFO *handle = nullptr;
     ASSERT_EQ(rexeccl_connect_ex(nodes.get(), peer.port(), &handle), 0);
@@ -249,41 +192,25 @@ TEST_F(Client, AnswerWithoutDataAndRequestWithoutPayload) {
 
 // A node reached by its second address or, with name resolution on, by its name.
 TEST_F(Client, AddressesAreTriedInOrderAndTheNameLast) {
-    Server peer(peer_options());
-    peer.start();
+    const Peer peer;
     REXECCL_NODE_LAN_INFO plan[2] = {};
     REXECCL_NODE_INFO node = {};
     node.plan = plan;
     node.nipnum = 2;
-    struct Row {
-        const char *host, *first, *second;
-        std::int32_t usedns, ret;
-        const char *connected;
-        int attempts;
-    };
-    const std::vector<Row> rows = {
-        {"127.0.0.1", "127.0.0.99", "127.0.0.1", 1, 0, "127.0.0.1", 2},
-        {"127.0.0.1", "127.0.0.99", "not-numeric", 1, 0, "127.0.0.1", 3},
-        {"127.0.0.98", "127.0.0.99", "127.0.0.97", 1, 4, "", 3},
-        {"127.0.0.1", "127.0.0.99", "127.0.0.98", 0, 0, "", 2}, // gives back no socket, and 0
-        {"127.0.0.1", "", "127.0.0.1", 0, 0, "127.0.0.1", 2},
-    };
-    for (const Row &row : rows) {
+    for (const Row &row : read_rows("connects.txt", 7)) {
         const TraceCapture trace;
-        std::strcpy(node.szhost, row.host);
-        std::strcpy(plan[0].szip, row.first);
-        std::strcpy(plan[1].szip, row.second);
-        _rexeccl_policy.usedns = row.usedns;
+        std::strcpy(node.szhost, row[0].c_str());
+        std::strcpy(plan[0].szip, row[1].c_str());
+        std::strcpy(plan[1].szip, row[2].c_str());
+        _rexeccl_policy.usedns = std::stoi(row[3]);
         std::int32_t sock = 0;
         char address[256];
-        EXPECT_EQ(rexeccl_make_connection(&node, peer.port(), &sock, address, sizeof(address)), row.ret)
-            << row.host;
-        EXPECT_STREQ(address, row.connected);
-        EXPECT_EQ(sock != -1, row.connected[0] != '\0');
-        int attempts = 0;
-        for (const std::string &line : trace.lines())
-            attempts += line.starts_with("I connect->") ? 1 : 0;
-        EXPECT_EQ(attempts, row.attempts);
+        EXPECT_EQ(rexeccl_make_connection(&node, peer.port(), &sock, address, sizeof(address)),
+                  std::stoi(row[4]))
+            << row[0];
+        EXPECT_EQ(address, row[5]);
+        EXPECT_EQ(sock != -1, !row[5].empty());
+        EXPECT_EQ(trace.count_starting("I connect->"), std::stoi(row[6]));
         if (sock != -1) {
             EXPECT_EQ(rexeccl_close_socket(sock), 0);
         }
@@ -317,10 +244,7 @@ TEST_F(Client, ConnectThatHangsIsAbandoned) {
     EXPECT_EQ(trace.count("W connect retry over. (host=127.0.0.1 retry=1)"), 2) << "by address and by name";
     EXPECT_EQ(count_entries("/proc/self/fd"), before.descriptors + 1) << "but for the trace";
     before.expect_threads_again();
-    int tries = 0;
-    for (const std::string &line : trace.lines())
-        tries += line.starts_with("I connect->") ? 1 : 0;
-    EXPECT_EQ(tries, 4);
+    EXPECT_EQ(trace.count_starting("I connect->"), 4);
     for (const int sock : queued)
         close(sock);
     close(listener);
@@ -328,8 +252,7 @@ TEST_F(Client, ConnectThatHangsIsAbandoned) {
 
 // A port that does not fit 16 bits must never become another port.
 TEST_F(Client, PortOutOfRangeConnectsNowhere) {
-    Server peer(peer_options());
-    peer.start();
+    const Peer peer;
     const Nodes nodes = make_nodes({"127.0.0.1"});
     for (const std::int32_t port : {peer.port() + 65536, peer.port() - 65536, 65536, 2147483647}) {
         const TraceCapture trace;
@@ -345,9 +268,7 @@ TEST_F(Client, OwnHostNameMeansLoopback) {
     char name[256] = {};
     ASSERT_EQ(gethostname(name, sizeof(name) - 1), 0);
     name[std::strcspn(name, ".")] = '\0';
-    rehearsal::Options options = peer_options();
-    Server peer(std::move(options));
-    peer.start();
+    const Peer peer;
     REXECCL_CNTD_PARAM_INFO param = {};
     std::snprintf(param.host, sizeof(param.host), "%s", name);
     std::strcpy(param.ip, "192.0.2.1");

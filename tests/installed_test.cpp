@@ -2,33 +2,16 @@
 // back to standalone mode. It finds the installation by a link in the current directory.
 #include "support/folder.h"
 #include "support/rehearsal_peer.h"
-#include "support/rows.h"
 #include "support/run.h"
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-
 namespace {
-
-std::string read_file(const std::string &path) {
-    std::ifstream file(path);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string replaced(std::string text, const std::string &what, const std::string &with) {
     for (std::size_t at = 0; (at = text.find(what, at)) != text.npos; at += with.size())
         text.replace(at, what.size(), with);
     return text;
-}
-
-std::vector<std::string> split(const std::string &text, char separator) {
-    std::vector<std::string> parts;
-    std::istringstream stream(text);
-    for (std::string part; std::getline(stream, part, separator);)
-        if (!part.empty())
-            parts.push_back(part);
-    return parts;
 }
 
 // A plain installation, and what a row changes in it.
@@ -51,8 +34,7 @@ void lay_out(const Folder &tree, const std::string &changes) {
 }
 
 TEST(Installed, TakesItsSettingsFromTheTree) {
-    rehearsal::Server peer(peer_options());
-    peer.start();
+    const Peer peer;
     for (const Row &row : read_rows("installed.txt", 5)) {
         const Folder tree;
         const auto fill = [&](const std::string &text) {
@@ -66,7 +48,7 @@ TEST(Installed, TakesItsSettingsFromTheTree) {
                      " 2>&1"});
         EXPECT_EQ(finished.exit, std::stoi(row[2])) << row[0] << finished.output;
         std::string calls;
-        for (const std::string &call : split(read_file(tree / "calls"), '\n'))
+        for (const std::string &call : split(read_file(tree / "calls")))
             calls += call.front();
         EXPECT_EQ(calls, row[3]) << row[0];
         std::string seen = finished.output;

@@ -13,18 +13,8 @@ namespace {
 
 using Record = std::unique_ptr<REXEC_INFO, decltype(&std::free)>;
 
-// Parses words parted by blanks; "~" stands for an empty word.
 int parse(const std::string &words, REXEC_INFO *info) {
-    std::vector<std::string> texts = {"zynrexec"};
-    std::string word;
-    for (const char c : words + " ") {
-        if (c != ' ') {
-            word += c;
-        } else if (!word.empty()) {
-            texts.push_back(word == "~" ? "" : word);
-            word.clear();
-        }
-    }
+    std::vector<std::string> texts = split_words(words, {"zynrexec"});
     std::vector<char *> argv;
     for (std::string &text : texts)
         argv.push_back(text.data());

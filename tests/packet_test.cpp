@@ -2,58 +2,33 @@
 #include "rexeccl/packet.h"
 #include "rexeccl/settings.h"
 #include "support/capture.h"
+#include "support/rows.h"
 
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <map>
 #include <set>
 
 namespace {
 
-struct Conversion {
-    std::int32_t dispatch;
-    std::set<std::size_t> offsets; // of the integers that are converted
-    std::vector<std::string> traced;
-};
-
-const std::vector<Conversion> conversions = {
-    {-8,
-     {56, 60, 64, 68, 72},
-     {"TRANS_REQ_HEAD b:ncode=", "TRANS_REQ_HEAD a:ncode=", "TRANS_REQ_HEAD a:size="}},
-    {-7,
-     {56, 60, 64, 68, 72},
-     {"TRANS_RES_HEAD b:status=", "TRANS_RES_HEAD a:allsize=", "TRANS_RES_HEAD b:seq="}},
-    {-5, {0}, {"TRANS_RES_LAN_NODEINFO b:npriority="}},
-    {-3, {256, 260}, {"TRANS_RES_NODEINFO b:npriority=", "TRANS_RES_NODEINFO a:nsize="}},
-    {-1, {0}, {"TRANS_RES_INFO_NODE b:nnodenum="}},
-    {3, {0, 4}, {"TRANS_RES_GET_NODENUM b:nnodenum=", "TRANS_RES_GET_NODENUM b:nipnum="}},
-    {8, {64}, {"TRANS_REQ_GET_LOG_ARSIZE b:syslogrotatenum="}},
-    {9, {0}, {"TRANS_RES_GET_ARSIZE b:arsize="}},
-    {11, {0}, {"TRANS_RES_GET_ARSIZE a:arsize="}},
-    {16, {32, 36}, {"TRANS_REQ_DELIVERY b:arsize=", "TRANS_REQ_DELIVERY b:size="}},
-    {18, {32, 36}, {"TRANS_REQ_DELIVERY a:arsize=", "TRANS_REQ_DELIVERY a:size="}},
-    {27, {0}, {"TRANS_RES_EXEC_COMMAND b:stat="}},
-    {31, {0}, {"TRANS_RES_GET_SVRACTION b:action="}},
-    {32, {32}, {"TRANS_REQ_GET_PARAM b:size="}},
-    {33, {0, 4}, {"TRANS_RES_GET_PARAM b:rts=", "TRANS_RES_GET_PARAM b:size="}},
-    {34, {32, 36}, {"TRANS_REQ_EXEC_PARAM b:size=", "TRANS_REQ_EXEC_PARAM a:limiter="}},
-    {35, {0, 4}, {"TRANS_RES_EXEC_PARAM b:rts=", "TRANS_RES_EXEC_PARAM a:size="}},
-};
-
 // Every code there is: those of the table change just their integers, the others nothing.
 TEST(Packet, ByteOrderOfEveryDispatchCode) {
+    std::map<std::int32_t, Row> rows;
+    for (const Row &row : read_rows("conversions.txt", 3))
+        rows[std::stoi(row[0])] = row;
     for (std::int32_t code = -12; code <= 50; ++code) {
         const TraceCapture trace;
         unsigned char record[300];
         for (std::size_t i = 0; i < sizeof(record); ++i)
             record[i] = static_cast<unsigned char>(i);
         rexeccl_conv_byteorder(record, code);
-        const Conversion none = {code, {}, {}};
-        const Conversion *wanted = &none;
-        for (const Conversion &row : conversions)
-            wanted = row.dispatch == code ? &row : wanted;
+        const Row wanted = rows.contains(code) ? rows[code] : Row(3);
+        std::set<std::size_t> offsets;
+        for (const std::string &offset : split_words(wanted[1]))
+            offsets.insert(std::stoul(offset));
         for (std::size_t i = 0; i < sizeof(record); ++i) {
-            const bool swapped = wanted->offsets.contains(i - i % 4);
+            const bool swapped = offsets.contains(i - i % 4);
             ASSERT_EQ(record[i], static_cast<unsigned char>(swapped ? i - i % 4 + 3 - i % 4 : i))
                 << "code " << code << " byte " << i;
         }
@@ -65,11 +40,9 @@ TEST(Packet, ByteOrderOfEveryDispatchCode) {
             EXPECT_EQ(lines, std::vector<std::string>{unknown});
             continue;
         }
-        EXPECT_EQ(lines.size(), 2 * wanted->offsets.size()) << code;
-        for (const std::string &text : wanted->traced)
-            EXPECT_TRUE(std::any_of(lines.begin(), lines.end(), [&](const std::string &line) {
-                return line.starts_with("T " + text);
-            })) << text;
+        EXPECT_EQ(lines.size(), 2 * offsets.size()) << code;
+        for (const std::string &text : split(wanted[2], ';'))
+            EXPECT_GT(trace.count_starting("T " + text), 0) << text;
     }
 }
 
@@ -87,57 +60,25 @@ TEST(Packet, RequestHeaderCarriesTheSettingsAndZeros) {
     EXPECT_EQ(std::string(reinterpret_cast<const char *>(&header), sizeof(header)), wanted);
 }
 
-struct Header {
-    const char *magic; // 8 characters at most; a full one has no NUL
-    const char *version;
-    std::uint32_t size;
-    int ret;
-    std::vector<std::string> traced;
-};
-
 TEST(Packet, CheckOfAReceivedHeader) {
     std::memset(&_rexeccl_policy.version, 0, sizeof(_rexeccl_policy.version));
     std::strcpy(_rexeccl_policy.version, "1.0");
-    const std::vector<Header> rows = {
-        {"trnsv", "1.0", 0, 0, {}},
-        {"l_trnsv", "1.0", 500000, 0, {"I res from magicwd(l_trnsv)."}},
-        {"w_trnsv", "9.9", 0, 0, {"I res from magicwd(w_trnsv)."}},
-        {"trnsv", "2.0", 0, 0, {"W invalid version. (ver=2.0 res=37 seq=1)"}},
-        {"trnsv", "0123456789abcdef", 0, 0, {"W invalid version. (ver=0123456789abcdef res=37 seq=1)"}},
-        {"l_trnsv",
-         "1.0",
-         500001,
-         10,
-         {"I res from magicwd(l_trnsv).", "E invalid variable size. (size=500001 res=37 seq=1)"}},
-        {"trnsv", "1.0", 0xffffffffU, 10, {"E invalid variable size. (size=-1 res=37 seq=1)"}},
-        {"trnsvx",
-         "1.0",
-         0,
-         10,
-         {"I res from magicwd(trnsvx).", "E invalid magicwd. (magic=trnsvx res=37 seq=1)"}},
-        {"l_trnsvX",
-         "1.0",
-         0,
-         10,
-         {"I res from magicwd(l_trnsvX).", "E invalid magicwd. (magic=l_trnsvX res=37 seq=1)"}},
-        {"", "1.0", 0, 10, {"I res from magicwd().", "E invalid magicwd. (magic= res=37 seq=1)"}},
-    };
-    for (const Header &row : rows) {
+    for (const Row &row : read_rows("headers.txt", 5)) {
         const TraceCapture trace;
         TRANS_PACKET_HEADER_INFO header = {};
-        std::memcpy(header.magicwd, row.magic, strnlen(row.magic, 8));
-        std::memcpy(header.version, row.version, strnlen(row.version, 16));
+        row[0].copy(header.magicwd, sizeof(header.magicwd));
+        row[1].copy(header.version, sizeof(header.version));
         std::memset(header.clsinfo.edition, 'E', 16);
         header.ncode = 37;
         header.seq = 1;
-        header.size = row.size;
-        EXPECT_EQ(rexeccl_chk_packet(&header), row.ret) << row.magic;
+        header.size = static_cast<std::uint32_t>(std::stoul(row[2], nullptr, 0));
+        EXPECT_EQ(rexeccl_chk_packet(&header), std::stoi(row[3])) << row[0];
         std::vector<std::string> lines = trace.lines();
         ASSERT_GE(lines.size(), 2U);
         lines.erase(lines.begin());
         if (lines.back().starts_with("T end - "))
             lines.pop_back();
-        EXPECT_EQ(lines, row.traced) << row.magic;
+        EXPECT_EQ(lines, split(row[4], ';')) << row[0];
     }
 }
 

@@ -1,6 +1,7 @@
 // Filling the payloads, their byte order, and the bounds of what a peer claims.
 #include "rexec/payload.h"
 #include "support/capture.h"
+#include "support/rows.h"
 
 #include <gtest/gtest.h>
 
@@ -33,10 +34,7 @@ TEST(Payload, ScriptNameNeverOverrunsItsField) {
         EXPECT_EQ(strnlen(at.data.script, 256), std::min<std::size_t>(length, 255));
         EXPECT_EQ(at.data.timeout, 0);
         EXPECT_EQ(at.behind, 'b');
-        int warnings = 0;
-        for (const std::string &line : trace.lines())
-            warnings += line.front() == 'W' ? 1 : 0;
-        EXPECT_EQ(warnings, length > 255 ? 1 : 0);
+        EXPECT_EQ(trace.count_starting("W"), length > 255 ? 1 : 0);
     }
 }
 
@@ -53,21 +51,17 @@ TEST(Payload, LongestCategoryAndKeywordArrive) {
 }
 
 TEST(Payload, NoticeTracesWhatItSelects) {
-    struct Row {
-        const char *target, *montarget;
-        int monspecify;
-        const char *traced;
-    };
-    for (const Row &row : {Row{"m", "", 1, "T monname=m"}, Row{"c", "k", 0, "T type=c, target=k"},
-                           Row{"c", "", 0, "T type=c"}}) {
+    const std::vector<Row> rows = {
+        {"m", "", "1", "T monname=m"}, {"c", "k", "0", "T type=c, target=k"}, {"c", "", "0", "T type=c"}};
+    for (const Row &row : rows) {
         const TraceCapture trace;
         REXEC_INFO info = {};
-        std::strcpy(info.target, row.target);
-        std::strcpy(info.montarget, row.montarget);
-        info.monspecify = row.monspecify;
+        std::strcpy(info.target, row[0].c_str());
+        std::strcpy(info.montarget, row[1].c_str());
+        info.monspecify = std::stoi(row[2]);
         ZYNEXEC_EXNOTICE_IN_PARAM data = {};
         rexec_fill_notice(&info, &data);
-        EXPECT_EQ(trace.count(row.traced), 1) << row.traced;
+        EXPECT_EQ(trace.count(row[3]), 1) << row[3];
         EXPECT_EQ(data.monnum, 0);
     }
 }
@@ -97,20 +91,15 @@ struct Answer {
 };
 
 TEST(Payload, MonitorCountIsBoundedByWhatArrived) {
-    struct Row {
-        std::int32_t claimed;
-        std::uint32_t size;
-        std::int32_t bounded;
-    };
-    for (const Row &row : {Row{2, 264 + 624, 2}, Row{3, 264 + 624, 2}, Row{2, 264 + 623, 1}, Row{1, 264, 0},
-                           Row{-1, 264 + 312, 0}, Row{INT32_MIN, 264, 0}, Row{INT32_MAX, 500000, 1601}}) {
+    for (const Row &row : read_rows("monitor_counts.txt", 3)) {
         const TraceCapture trace;
-        Answer answer(row.size);
-        answer.get()->monnum = big_endian(row.claimed);
-        rexec_bound_monnum(answer.get(), row.size);
-        EXPECT_EQ(answer.get()->monnum, big_endian(row.bounded)) << row.claimed;
+        const auto size = static_cast<std::uint32_t>(std::stoul(row[1]));
+        Answer answer(size);
+        answer.get()->monnum = big_endian(std::stoi(row[0]));
+        rexec_bound_monnum(answer.get(), size);
+        EXPECT_EQ(answer.get()->monnum, big_endian(std::stoi(row[2]))) << row[0];
         const bool told = trace.raw().find("invalid monnum.") != std::string::npos;
-        EXPECT_EQ(told, row.claimed != row.bounded);
+        EXPECT_EQ(told, row[0] != row[2]);
     }
 }
 

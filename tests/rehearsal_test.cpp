@@ -1,12 +1,12 @@
 // The rehearsal server as its peers see it: bytes sent by hand over real sockets, and what comes back.
 #include "server.h"
 #include "support/folder.h"
+#include "support/rows.h"
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <system_error>
 
 #include <arpa/inet.h>
@@ -22,8 +22,6 @@ namespace {
 using namespace std::chrono_literals;
 using namespace std::string_literals;
 using rehearsal::Server;
-using Words =
-    std::vector<std::pair<std::size_t, std::uint32_t>>; // offsets in an answer and what stands there
 
 std::string u32(std::uint32_t v) {
     const std::uint32_t wire = htonl(v);
@@ -34,9 +32,11 @@ std::uint32_t u32_at(const std::string &bytes, std::size_t at) {
     bytes.copy(reinterpret_cast<char *>(&wire), 4, at);
     return ntohl(wire);
 }
-void expect_words(const std::string &bytes, const Words &words) {
-    for (const auto &[at, value] : words) {
-        EXPECT_EQ(u32_at(bytes, at), value) << "at " << at;
+// The numbers in an answer, each as "offset:number".
+void expect_words(const std::string &bytes, const std::string &words) {
+    for (const std::string &word : split_words(words)) {
+        const std::string number = word.substr(word.find(':') + 1);
+        EXPECT_EQ(u32_at(bytes, std::stoul(word)), std::stoul(number, nullptr, 0)) << "at " << word;
     }
 }
 std::string text(std::string value, std::size_t width) {
@@ -50,25 +50,31 @@ std::string packet(std::uint32_t code, const std::string &body = "") {
 std::string call(const std::string &id, const std::string &payload) {
     return packet(34, text(id, 32) + u32(0) + u32(static_cast<std::uint32_t>(payload.size())) + payload);
 }
-std::string failover(const std::string &resource, const std::string &group, std::uint32_t timeout = 9) {
-    return call("zynexecgrpfo_ex", text(resource, 32) + text(group, 32) + u32(timeout) + text("", 260));
-}
 std::string script(const std::string &name, std::uint32_t timeout = 9) {
     return call("zynexecscript_ex", text(name, 256) + u32(timeout) + text("", 260));
 }
-std::string monitor(const std::string &id, const std::string &name, const std::string &category,
-                    const std::string &keyword) {
-    return call(id, text(name, 32) + text(keyword, 1024) + text(category, 128) + u32(id == "zynexecclear") +
-                        text("", 260));
-}
-std::string notice(const std::string &name, const std::string &category = "",
-                   const std::string &keyword = "") {
-    return monitor("zynexecnotice", name, category, keyword);
-}
-std::string clear(const std::string &name) {
-    return monitor("zynexecclear", name, "", "");
-}
 const std::string check = packet(36), farewell = packet(28);
+
+// The packet of a row: "check", "farewell", "packet CODE", "call ID", "script NAME", "clear NAME",
+// "failover RESOURCE GROUP [SECONDS]" or "notice NAME [CATEGORY [KEYWORD]]", with "~" for an empty word.
+std::string request(const std::string &row) {
+    std::vector<std::string> words = split_words(row);
+    const std::string kind = words[0];
+    words.resize(4);
+    if (kind == "check" || kind == "farewell")
+        return kind == "check" ? check : farewell;
+    if (kind == "packet" || kind == "call")
+        return kind == "call" ? call(words[1], "") : packet(static_cast<std::uint32_t>(std::stoul(words[1])));
+    if (kind == "script")
+        return script(words[1]);
+    const std::string seconds = words[3].empty() ? "9" : words[3];
+    if (kind == "failover")
+        return call("zynexecgrpfo_ex", text(words[1], 32) + text(words[2], 32) +
+                                           u32(static_cast<std::uint32_t>(std::stoul(seconds))) +
+                                           text("", 260));
+    return call("zynexec" + kind, text(words[1], 32) + text(words[3], 1024) + text(words[2], 128) +
+                                      u32(kind == "clear") + text("", 260));
+}
 
 // A plain client; every read gives up after ten seconds.
 struct Client {
@@ -120,58 +126,17 @@ TEST(Rehearsal, AnswersAccordingToTheStateOfTheCluster) {
     Server server({.addresses = {"127.0.0.1", "127.0.0.2", "127.0.0.3"},
                    .cluster_file = ZYN_TEST_DATA "/rehearsal.xml"});
     server.start();
-    struct Row { // in order: some change what later ones meet
-        const char *name;
-        std::string request;
-        std::uint32_t status;
-        Words words; // none: no body
-        const char *to = "127.0.0.1", *from = "127.0.0.1";
-    };
-    const Row rows[] = {
-        {"check", check, 0, {}},
-        {"check of a busy server", check, 9, {}, "127.0.0.3"},
-        {"check by a client that is not permitted", check, 28, {}, "127.0.0.1", "127.0.0.9"},
-        {"farewell of that client", farewell, 0, {}, "127.0.0.1", "127.0.0.9"},
-        {"group", failover("", "g1"), 0, {}},
-        {"group that the second server has offline", failover("", "g1"), 22, {}, "127.0.0.2"},
-        {"group offline", failover("", "g2"), 22, {}},
-        {"no such group", failover("", "r1"), 31, {}},
-        {"group with a status", failover("", "g3"), 32, {}},
-        {"group slower than the time limit", failover("", "g4", 1), 27, {}},
-        {"resource", failover("r1", ""), 0, {}},
-        {"resource of an offline group", failover("r2", ""), 22, {}},
-        {"no such resource", failover("g1", ""), 24, {}},
-        {"script", script("s"), 0, {{68, 272}, {72, 272}, {76, 0}, {80, 264}, {84, 3}}},
-        {"no such script", script("nix"), 25, {}},
-        {"script in a folder", script("d/s"), 25, {}},
-        {"script that is not executable", script("x"), 26, {}},
-        {"script that fails to run", script("f"), 29, {}},
-        {"clear of a monitor in order", clear("m1"), 0, {{84, 1}, {388, 39}}},
-        {"notice by name",
-         notice("m1"),
-         0,
-         {{80, 576}, {84, 1}, {380, 2}, {384, 5}, {388, 33}, {392, 0}, {396, 4}}},
-        {"notice by category", notice("", "A"), 0, {{80, 888}, {84, 2}, {388, 36}, {392, 38}, {700, 35}}},
-        {"notice by keyword", notice("", "A", "k"), 0, {{84, 1}, {388, 36}}},
-        {"notice by an unknown keyword", notice("", "A", "z"), 24, {}},
-        {"notice with a fixed answer", notice("m1"), static_cast<std::uint32_t>(-5), {}, "127.0.0.2"},
-        {"clear on a server without the error", clear("m1"), 0, {{388, 39}}, "127.0.0.2"},
-        {"clear", clear("m1"), 0, {{388, 0}}},
-        {"clear again", clear("m1"), 0, {{388, 39}}},
-        {"clear that fails", clear("m3"), 0, {{388, 30}}},
-        {"unknown id", call("zynexec", ""), 2, {}},
-        {"unknown code", packet(0), 3, {}},
-    };
-    for (const Row &row : rows) {
-        SCOPED_TRACE(row.name);
-        const std::string answer = Client(server, row.to, row.from).ask(row.request);
+    for (const Row &row : read_rows("rehearsal_answers.txt", 6)) {
+        SCOPED_TRACE(row[0]);
+        const std::string bytes = request(row[3]);
+        const std::string answer = Client(server, row[1].c_str(), row[2].c_str()).ask(bytes);
         ASSERT_GE(answer.size(), 76U);
         EXPECT_EQ(answer.substr(0, 56), "l_trnsv\0"s + text("v", 16) + text("e", 16) + text("c", 16));
-        EXPECT_EQ(u32_at(answer, 56), u32_at(row.request, 56) + 1); // the code
-        EXPECT_EQ(u32_at(answer, 60), 7U);                          // the sequence number
-        EXPECT_EQ(u32_at(answer, 64), row.status);
-        EXPECT_EQ(answer.size() > 76, !row.words.empty());
-        expect_words(answer, row.words);
+        EXPECT_EQ(u32_at(answer, 56), u32_at(bytes, 56) + 1); // the code
+        EXPECT_EQ(u32_at(answer, 60), 7U);                    // the sequence number
+        EXPECT_EQ(static_cast<std::int32_t>(u32_at(answer, 64)), std::stoi(row[4]));
+        EXPECT_EQ(answer.size() > 76, !row[5].empty());
+        expect_words(answer, row[5]);
     }
 }
 
@@ -200,60 +165,27 @@ TEST(Rehearsal, RefusesPacketsThatAreNotInOrder) {
     EXPECT_TRUE(server.recorder().wait_until_closed(10s));
 }
 
-enum class End { kept, closed, reset };
-
 TEST(Rehearsal, ShowsFaults) {
-    struct Row {
-        const char *fault;
-        std::string request;
-        std::size_t size; // of what comes before the end, or before the farewell of a connection kept
-        End end;
-        Words words;
-    };
-    const Row rows[] = {
-        {"silent-request", script("s"), 0, End::kept, {}},
-        {"late:20", script("s"), 348, End::kept, {{84, 3}}},
-        {"drip:1", script("s"), 348, End::kept, {{84, 3}}},
-        {"check-close-header", check, 38, End::closed, {}},
-        {"close-before", script("s"), 0, End::closed, {}},
-        {"close-after-header", failover("", "g1"), 76, End::closed, {{72, 8}}},
-        {"close-body", script("s"), 212, End::closed, {{72, 272}}},
-        {"close-after", script("s"), 348, End::closed, {}},
-        {"reset-before", script("s"), 0, End::reset, {}},
-        {"reset-header", script("s"), 38, End::reset, {}},
-        {"reset-body", script("s"), 212, End::reset, {{72, 272}}},
-        {"reset-after", script("s"), 348, End::reset, {}},
-        {"wrong-code", script("s"), 348, End::kept, {{56, 99}}},
-        {"wrong-magic", script("s"), 348, End::kept, {{0, 0x785f7472}}},
-        {"oversized", script("s"), 500077, End::kept, {{72, 500001}}},
-        {"huge-size", script("s"), 348, End::kept, {{72, 0xffffffff}}},
-        {"short-body:3", script("s"), 79, End::kept, {{64, 0}, {68, 8}, {72, 3}}},
-        {"lie-inner", script("s"), 348, End::kept, {{72, 272}, {80, 265}}},
-        {"lie-inner:9", failover("", "g1"), 84, End::kept, {{72, 8}, {80, 9}}},
-        {"negative-monnum", notice("m1"), 660, End::kept, {{84, 0xffffffff}}},
-        {"unterminated", notice("m1"), 660, End::kept, {{20, 0x56565656}, {376, 0x4e4e4e4e}, {380, 2}}},
-        {"check-busy", check, 76, End::kept, {{64, 9}}},
-        {"status:27", script("s"), 76, End::kept, {{64, 27}, {72, 0}}},
-    };
+    const std::vector<Row> rows = read_rows("rehearsal_faults.txt", 5);
     rehearsal::Options options{.addresses = {}, .cluster_file = ZYN_TEST_DATA "/rehearsal.xml"};
     for (const Row &row : rows) { // each on its own address
         options.addresses.push_back("127.0.2." + std::to_string(options.addresses.size() + 1));
-        options.faults.emplace_back(options.addresses.back(), row.fault);
+        options.faults.emplace_back(options.addresses.back(), row[0]);
     }
     Server server(options);
     server.start();
-    for (std::size_t i = 0; i < std::size(rows); ++i) {
+    for (std::size_t i = 0; i < rows.size(); ++i) {
         const Row &row = rows[i];
-        SCOPED_TRACE(row.fault);
+        SCOPED_TRACE(row[0]);
         Client client(server, options.addresses[i].c_str());
-        client.send(row.request + (row.end == End::kept ? farewell : ""));
-        if (row.end == End::kept) {
+        client.send(request(row[1]) + (row[3] == "kept" ? farewell : ""));
+        if (row[3] == "kept") {
             client.no_more();
         }
         const std::string got = client.read(600000);
-        EXPECT_EQ(client.error, row.end == End::reset ? ECONNRESET : 0);
-        ASSERT_EQ(got.size(), row.size + (row.end == End::kept ? 76 : 0));
-        expect_words(got, row.words);
+        EXPECT_EQ(client.error, row[3] == "reset" ? ECONNRESET : 0);
+        ASSERT_EQ(got.size(), std::stoul(row[2]) + (row[3] == "kept" ? 76 : 0));
+        expect_words(got, row[4]);
     }
 }
 
@@ -323,22 +255,12 @@ TEST(Rehearsal, RunsScriptsAndKillsThemWithTheirChildren) {
     options.cluster.script_directory = folder.path;
     Server server(options);
     server.start();
-    struct Row {
-        const char *name;
-        std::uint32_t status, exitcode;
-    };
-    for (const Row &row : std::initializer_list<Row>{{"ends", 0, 7},
-                                                     {"killed", 0, 128 + SIGTERM},
-                                                     {"plain", 26, 0},
-                                                     {"broken", 29, 0},
-                                                     {"link", 25, 0},
-                                                     {"..", 25, 0},
-                                                     {"", 25, 0}}) {
-        SCOPED_TRACE(row.name);
-        const std::string answer = Client(server).ask(script(row.name));
-        ASSERT_GE(answer.size(), row.status == 0 ? 348U : 76U);
-        EXPECT_EQ(u32_at(answer, 64), row.status);
-        EXPECT_EQ(row.status == 0 ? u32_at(answer, 84) : 0, row.exitcode);
+    for (const Row &row : read_rows("real_scripts.txt", 3)) {
+        SCOPED_TRACE(row[0]);
+        const std::string answer = Client(server).ask(script(row[0]));
+        ASSERT_GE(answer.size(), row[1] == "0" ? 348U : 76U);
+        EXPECT_EQ(u32_at(answer, 64), std::stoul(row[1]));
+        EXPECT_EQ(row[1] == "0" ? u32_at(answer, 84) : 0, std::stoul(row[2]));
     }
     Client client(server);
     for (const std::uint32_t limit : {1U, 0U}) { // without a limit it runs until the server stops

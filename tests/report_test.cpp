@@ -48,31 +48,21 @@ TEST(Report, ResultLineOfEveryStatus) {
 }
 
 TEST(Report, ResultOfSeveralConnections) {
-    struct Pair {
-        int first, second, ret;
-    };
-    for (const Pair &row : {Pair{9, 9, 12}, Pair{9, 22, 22}, Pair{9, 2, 22}, Pair{2, 2, 1}, Pair{22, 31, 22},
-                            Pair{0, 9, 0}, Pair{9, 0, 0}, Pair{2, 0, 0}}) {
+    for (const Row &row : read_rows("two_results.txt", 3)) {
         const StdoutCapture out;
-        REXECCL_CONNECTION_INFO second = connection(row.second);
-        const REXECCL_CONNECTION_INFO first = connection(row.first, &second);
-        EXPECT_EQ(rexec_trnerrcmd(request("zynexecclear"), &first), row.ret)
-            << row.first << " " << row.second;
+        REXECCL_CONNECTION_INFO second = connection(std::stoi(row[1]));
+        const REXECCL_CONNECTION_INFO first = connection(std::stoi(row[0]), &second);
+        EXPECT_EQ(rexec_trnerrcmd(request("zynexecclear"), &first), std::stoi(row[2]))
+            << row[0] << " " << row[1];
     }
 }
 
 TEST(Report, LabelsAndWords) {
-    struct Row {
-        const char *reqcode, *label, *word;
-    };
-    for (const Row &row :
-         {Row{"zynexecgrpfo_ex", "GRP_FAILOVER", "Failover"},
-          Row{"zynexecscript_ex", "EXEC_SCRIPT", "Script"}, Row{"zynexecnotice", "MRW_NOTICE", "Notice"},
-          Row{"zynexecclear", "MRW_CLEAR", "Clear"}, Row{"ZYNEXECCLEAR", "??", "??"}}) {
+    for (const Row &row : read_rows("labels.txt", 3)) {
         const TraceCapture trace;
-        EXPECT_STREQ(rexec_mkstr(row.reqcode), row.label);
-        EXPECT_STREQ(rexec_mkstr_ex(row.reqcode), row.word);
-        EXPECT_EQ(trace.count("E invalid code(ZYNEXECCLEAR)"), row.label[0] == '?' ? 2 : 0);
+        EXPECT_EQ(rexec_mkstr(row[0].c_str()), row[1]);
+        EXPECT_EQ(rexec_mkstr_ex(row[0].c_str()), row[2]);
+        EXPECT_EQ(trace.count("E invalid code(ZYNEXECCLEAR)"), row[1] == "??" ? 2 : 0);
     }
 }
 
@@ -150,56 +140,29 @@ TEST(Report, NoDataIsTold) {
     EXPECT_EQ(out.text(), "");
 }
 
-struct NodeRow {
-    int first, second, connected, disconnected;
-    const char *printed;
-};
-
 TEST(Report, NodesAfterConnectingAndDisconnecting) {
-    const std::vector<NodeRow> rows = {
-        {0, 1, 0, 0, ""},
-        {9, 0, 0, 0, ""},
-        {9, 9, 21, 11, "All server is busy. Check if this command is already run.\n"},
-        {28, 0, 0, 0, "Connect a : This server is not permitted to execute zynrexec. \n"},
-        {7, 8, 10, 11, "Connect a : Failed \nConnect b : Failed \n"},
-        {9, 7, 10, 11, "Connect b : Failed \n"},
-    };
-    for (const NodeRow &row : rows) {
+    for (const Row &row : read_rows("nodes.txt", 5)) {
         const StdoutCapture out;
         REXECCL_NODE_INFO second = {};
         std::strcpy(second.szhost, "b");
-        second.nstatus = row.second;
+        second.nstatus = std::stoi(row[1]);
         REXECCL_NODE_INFO first = {};
         std::strcpy(first.szhost, "a");
-        first.nstatus = row.first;
+        first.nstatus = std::stoi(row[0]);
         first.next = &second;
-        EXPECT_EQ(rexec_trnerrcon(&first), row.connected);
-        EXPECT_EQ(out.text(), row.printed);
-        EXPECT_EQ(rexec_trnerrdiscon(&first), row.disconnected);
-        EXPECT_EQ(out.text(), row.printed);
+        EXPECT_EQ(rexec_trnerrcon(&first), std::stoi(row[2]));
+        EXPECT_EQ(out.text(), row[4]);
+        EXPECT_EQ(rexec_trnerrdiscon(&first), std::stoi(row[3]));
+        EXPECT_EQ(out.text(), row[4]);
     }
     EXPECT_EQ(rexec_trnerrdiscon(nullptr), 11);
 }
 
 TEST(Report, ClosingMessages) {
-    const std::string internal = "Internal error. Check if memory or OS resource is sufficient.\n";
-    const std::vector<std::pair<int, std::string>> rows = {
-        {0, ""},
-        {22, ""},
-        {1, "Invalid option.\n"},
-        {2, "Log in as root.\n"},
-        {9, "Could not connect to the data transfer server.\nCheck if the server has started up.\n"},
-        {10, "Could not connect to all data transfer servers.\nCheck if the servers have started up.\n"},
-        {20, "Command timeout.\n"},
-        {21, "All servers are busy. Check if this command is already run.\n"},
-        {5, internal},
-        {99, internal},
-        {-1, internal},
-    };
-    for (const auto &[code, text] : rows) {
+    for (const Row &row : read_rows("closing_messages.txt", 2)) {
         const StdoutCapture out;
-        rexec_print_message(code);
-        EXPECT_EQ(out.text(), text) << code;
+        rexec_print_message(std::stoi(row[0]));
+        EXPECT_EQ(out.text(), row[1]) << row[0];
     }
 }
 

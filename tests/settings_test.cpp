@@ -2,13 +2,14 @@
 #include "rexeccl.h"
 #include "rexeccl/settings.h"
 #include "support/capture.h"
+#include "support/rows.h"
 #include "xmllib.h"
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <map>
-#include <string>
 
 namespace {
 
@@ -71,105 +72,56 @@ void reset() {
     _rexec_standalone = 0;
 }
 
-TEST(Settings, StandaloneTouchesNoStoreAndTakesDefaults) {
-    reset();
-    _rexec_standalone = 1;
-    const TraceCapture trace;
-    REXEC_INFO info = {};
-    ASSERT_EQ(rexeccl_initialize(&info), 0);
-    EXPECT_TRUE(calls.empty());
-    EXPECT_EQ(trace.count("I port:29002, usedns:1"), 1);
-    EXPECT_EQ(trace.count("I recv size:8192, send size:1024"), 1);
-    EXPECT_EQ(trace.count("I max packet size:16384"), 1);
-    EXPECT_EQ(trace.count("I connect retry:0, timeout:5"), 1);
-    EXPECT_EQ(trace.count("I response retry:0, timeout:10"), 1);
-    EXPECT_STREQ(_rexeccl_policy.type, "rexec");
-    EXPECT_STREQ(_rexeccl_policy.version, "");
-    EXPECT_STREQ(_rexeccl_allpol.instpath, "");
-    EXPECT_EQ(rexeccl_terminate(), 0);
+// What is traced of the settings, and those that are not traced.
+std::vector<std::string> shown(const TraceCapture &trace) {
+    std::vector<std::string> lines = trace.lines();
+    for (const auto &[name, value] : {std::pair<const char *, std::string>{"type:", _rexeccl_policy.type},
+                                      {"version:", _rexeccl_policy.version},
+                                      {"level:", std::to_string(_rexeccl_policy.loglevel)},
+                                      {"size:", std::to_string(_rexeccl_policy.logsize)},
+                                      {"path:", _rexeccl_allpol.instpath},
+                                      {"edition:", _rexeccl_allpol.clsinfo.edition},
+                                      {"cluster version:", _rexeccl_allpol.clsinfo.version}})
+        lines.push_back(name + value);
+    return lines;
 }
 
-TEST(Settings, InstalledReadsEveryKeyAndUnloadsAgain) {
-    reset();
-    values = {{"/root/rexec/type", "mine"},
-              {"/root/rexec/version", "1.2"},
-              {"/root/rexec/log/level", "8"},
-              {"/root/rexec/log/size", "5000"},
-              {"/root/rexec/packet/recv", "11"},
-              {"/root/rexec/packet/send", "12"},
-              {"/root/rexec/packet/max", "13"},
-              {"/root/rexec/communication/connect/retry", "14"},
-              {"/root/rexec/communication/connect/timeout", "15"},
-              {"/root/rexec/communication/response/retry", "16"},
-              {"/root/rexec/communication/response/timeout", "17"},
-              {"/root/rexec/usedns", "0"},
-              {"/root/all/path", "/opt"},
-              {"/root/all/edition", "E"},
-              {"/root/all/version", "V"},
-              {"/root/cluster/trns/port", "4000"}};
-    const TraceCapture trace;
-    REXEC_INFO info = {};
-    ASSERT_EQ(rexeccl_initialize(&info), 0);
-    EXPECT_EQ(calls, all_calls);
-    EXPECT_EQ(trace.count("I port:4000, usedns:0"), 1);
-    EXPECT_EQ(trace.count("I recv size:11, send size:12"), 1);
-    EXPECT_EQ(trace.count("I max packet size:13"), 1);
-    EXPECT_EQ(trace.count("I connect retry:14, timeout:15"), 1);
-    EXPECT_EQ(trace.count("I response retry:16, timeout:17"), 1);
-    EXPECT_STREQ(_rexeccl_policy.type, "mine");
-    EXPECT_STREQ(_rexeccl_policy.version, "1.2");
-    EXPECT_EQ(_rexeccl_policy.loglevel, 8);
-    EXPECT_EQ(_rexeccl_policy.logsize, 5000);
-    EXPECT_STREQ(_rexeccl_allpol.instpath, "/opt/");
-    EXPECT_STREQ(_rexeccl_allpol.clsinfo.edition, "E");
-    EXPECT_STREQ(_rexeccl_allpol.clsinfo.version, "V");
-    EXPECT_EQ(rexeccl_terminate(), 0);
+// In standalone mode the store is not touched and the defaults are taken; otherwise every key is read.
+TEST(Settings, EveryKeyAndItsDefault) {
+    const std::vector<Row> rows = read_rows("settings.txt", 4);
+    for (const std::size_t standalone : {1U, 0U}) {
+        reset();
+        _rexec_standalone = static_cast<int>(standalone);
+        for (const Row &row : rows)
+            values[row[0]] = row[1];
+        const TraceCapture trace;
+        REXEC_INFO info = {};
+        ASSERT_EQ(rexeccl_initialize(&info), 0);
+        EXPECT_EQ(calls, standalone == 1 ? std::vector<std::string>{} : all_calls);
+        const std::vector<std::string> lines = shown(trace);
+        for (const Row &row : rows)
+            EXPECT_EQ(std::count(lines.begin(), lines.end(), row[2 + standalone]), 1) << row[0];
+        EXPECT_EQ(rexeccl_terminate(), 0);
+    }
 }
 
 TEST(Settings, EachFailureAndItsFallback) {
-    struct Row {
-        const char *failing;
-        std::int32_t port;
-        std::map<std::string, std::string> values;
-        std::int32_t ret;
-        std::vector<std::string> calls;
-        const char *traced;
-    };
-    const std::map<std::string, std::string> port = {{"/root/cluster/trns/port", "5"}};
-    const std::vector<Row> rows = {
-        {"", 0, port, 0, all_calls, "W xmllib_get_value() failed. (ret=0x4 key=/root/rexec/usedns size=4)"},
-        {"", 7, {}, 0, all_calls, "I port:7, usedns:1"},
-        {"",
-         0,
-         {},
-         10,
-         all_calls,
-         "E xmllib_get_value() failed. (ret=0x4 key=/root/cluster/trns/port size=4)"},
-        {"load config", 0, port, 0, all_calls, "E rexeccl_xml_loadconfig() failed. (ret=10)"},
-        {"unload config", 0, port, 0, all_calls, "E rexeccl_xml_unloadconfig() failed. (ret=10)"},
-        {"load all", 7, {}, 10, {"load all"}, "E rexeccl_xml_loadpolicy() failed. (ret=10 type=all)"},
-        {"load rexec",
-         7,
-         {},
-         10,
-         {"load all", "load trnsv", "load rexec", "unload all", "unload trnsv"},
-         "E xmllib_load_policy() failed. (ret=0x4 type=rexec)"},
-    };
-    for (const Row &row : rows) {
+    for (const Row &row : read_rows("settings_failures.txt", 6)) {
         reset();
-        failing = row.failing;
-        values = row.values;
+        failing = row[0];
+        if (!row[2].empty())
+            values["/root/cluster/trns/port"] = row[2];
         const TraceCapture trace;
         REXEC_INFO info = {};
-        info.portnumber = row.port;
-        EXPECT_EQ(rexeccl_initialize(&info), row.ret) << row.failing;
-        EXPECT_EQ(calls, row.calls) << row.failing;
-        EXPECT_EQ(trace.count(row.traced), 1) << row.traced << "\n" << trace.raw();
-        if (row.ret == 0) {
+        info.portnumber = std::stoi(row[1]);
+        EXPECT_EQ(rexeccl_initialize(&info), std::stoi(row[3])) << row[0];
+        EXPECT_EQ(calls, row[4] == "all" ? all_calls : split(row[4], ',')) << row[0];
+        EXPECT_EQ(trace.count(row[5]), 1) << row[5] << "\n" << trace.raw();
+        if (row[3] == "0") {
             EXPECT_STREQ(_rexeccl_allpol.instpath, "/");
             EXPECT_EQ(rexeccl_terminate(), 0);
         }
-        EXPECT_EQ(rexeccl_terminate(), 2) << row.failing;
+        EXPECT_EQ(rexeccl_terminate(), 2) << row[0];
     }
 }
 

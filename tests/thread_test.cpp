@@ -15,20 +15,11 @@
 namespace {
 
 bool clock_broken = false;
-int create_error = 0;
 
 } // namespace
 
 clock_t xmllib_times(struct tms *) {
     return clock_broken ? 0 : times(nullptr);
-}
-
-extern "C" {
-int __real_pthread_create(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *);
-int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(*body)(void *),
-                          void *argument) {
-    return create_error != 0 ? create_error : __real_pthread_create(thread, attr, body, argument);
-}
 }
 
 namespace {
@@ -93,10 +84,10 @@ TEST_F(Thread, TimeLimitHoldsEvenWithABrokenClock) {
 
 TEST_F(Thread, StartFailureIsTold) {
     const TraceCapture trace;
-    create_error = EAGAIN;
+    setenv("ZYN_TEST_FAIL", "pthread_create:all", 1);
     pthread_t tid = 1;
     EXPECT_EQ(rexeccl_create_thread(hang, &_rexeccl_thattr_joinable, nullptr, &tid), 10);
-    create_error = 0;
+    unsetenv("ZYN_TEST_FAIL");
     EXPECT_EQ(tid, 0U);
     EXPECT_EQ(trace.count("E pthread_create() failed. (errno=11)"), 1);
     EXPECT_EQ(trace.count("T end - (ret=10 tid=0)"), 1);

@@ -1,13 +1,12 @@
 // The real command against a peer that knows nothing but bytes: every request must be byte for byte
 // the example of doc/protocol.md, and every example answer must be told right. No header of the
 // project is used, so that a wrong offset cannot be wrong on both sides alike.
+#include "support/rows.h"
 #include "support/run.h"
 
 #include <gtest/gtest.h>
 
-#include <fstream>
 #include <map>
-#include <sstream>
 #include <thread>
 
 #include <arpa/inet.h>
@@ -19,17 +18,15 @@ namespace {
 // The packets of tests/data/packets.txt by name; "00*16" is a run of bytes.
 std::map<std::string, std::string> read_packets() {
     std::map<std::string, std::string> packets;
-    std::ifstream file(ZYN_TEST_DATA "/packets.txt");
     std::string name;
-    for (std::string line; std::getline(file, line);) {
+    for (std::string line : split(read_file(ZYN_TEST_DATA "/packets.txt"))) {
         if (line.empty() || line.front() == '#')
             continue;
         if (line.front() != ' ') {
             name = line.substr(0, line.find(':'));
             line.erase(0, line.find(':') + 1);
         }
-        std::istringstream words(line);
-        for (std::string word; words >> word;) {
+        for (const std::string &word : split_words(line)) {
             const std::size_t star = word.find('*');
             const std::size_t count = star == std::string::npos ? 1 : std::stoul(word.substr(star + 1));
             packets[name].append(count, static_cast<char>(std::stoi(word.substr(0, 2), nullptr, 16)));
@@ -93,49 +90,15 @@ private:
     std::vector<std::string> received_; // written by thread_ until it is joined
 };
 
-struct Row {
-    std::vector<std::string> words;
-    std::vector<Step> steps; // between check and terminate
-    std::string output;
-};
-
 TEST(Wire, EveryPacketIsTheExampleOfTheDocument) {
     const std::map<std::string, std::string> packets = read_packets();
     ASSERT_EQ(packets.size(), 17U);
-    const std::vector<Row> rows = {
-        {{"--failover", "grp1"},
-         {{"failover-group-request", "failover-answer"}},
-         "GRP_FAILOVER 127.0.0.1 : Success \n"},
-        {{"--failover", "-r", "rsc1"},
-         {{"failover-resource-request", "noactgrp-answer"}},
-         "GRP_FAILOVER 127.0.0.1 : Group that specified resource(rsc1) belongs to is offline. \n"},
-        {{"--script", "run.sh"},
-         {{"script-request", "script-answer"}},
-         "EXEC_SCRIPT 127.0.0.1 : Success \n  script exitcode=3\n"},
-        {{"--notice", "mon1"},
-         {{"notice-name-request", "notice-answer"}},
-         "MRW_NOTICE 127.0.0.1 : Success \n"
-         "  mon1\t: preaction script[Executed(exitcode=0)], Failover[Success]\n"},
-        {{"--notice", "-k", "cat.key"},
-         {{"notice-category-request", "notice-answer"}},
-         "MRW_NOTICE 127.0.0.1 : Success \n"
-         "  mon1\t: preaction script[Executed(exitcode=0)], Failover[Success]\n"},
-        {{"--clear", "-k", "cat.key"},
-         {{"clear-request", "clear-answer"}},
-         "MRW_CLEAR 127.0.0.1 : Success \n  mon1\t: clear[Success]\n"},
-        {{"--clear", "mon1"},
-         {{"clear-name-request", "clear-answer"}},
-         "MRW_CLEAR 127.0.0.1 : Success \n  mon1\t: clear[Success]\n"},
-    };
-    for (const Row &row : rows) {
-        std::vector<Step> steps = {{"check-request", "check-answer"}};
-        steps.insert(steps.end(), row.steps.begin(), row.steps.end());
-        steps.push_back({"terminate-request", "terminate-answer"});
+    for (const Row &row : read_rows("wire.txt", 4)) {
+        const std::vector<Step> steps = {
+            {"check-request", "check-answer"}, {row[1], row[2]}, {"terminate-request", "terminate-answer"}};
         BytePeer peer(packets, steps);
-        std::vector<std::string> words = {ZYN_COMMAND, "-w", "30", "-p", peer.port()};
-        words.insert(words.end(), row.words.begin(), row.words.end());
-        const Finished finished = run(words);
-        EXPECT_EQ(finished.output, row.output);
+        const Finished finished = run(split_words(row[0], {ZYN_COMMAND, "-w", "30", "-p", peer.port()}));
+        EXPECT_EQ(finished.output, row[3]);
         EXPECT_EQ(finished.exit, 0);
         const std::vector<std::string> &received = peer.finish();
         ASSERT_EQ(received.size(), steps.size());

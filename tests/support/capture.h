@@ -2,10 +2,10 @@
 #pragma once
 
 #include "rexec.h"
+#include "support/text.h"
 
+#include <algorithm>
 #include <cstdio>
-#include <string>
-#include <vector>
 
 #include <unistd.h>
 
@@ -16,16 +16,6 @@ inline std::string read_all(int fd) {
     for (ssize_t got = 0; (got = read(fd, block, sizeof(block))) > 0;)
         text.append(block, static_cast<std::size_t>(got));
     return text;
-}
-
-inline std::vector<std::string> split_lines(const std::string &text) {
-    std::vector<std::string> lines;
-    for (std::size_t at = 0; at < text.size();) {
-        const std::size_t end = text.find('\n', at);
-        lines.push_back(text.substr(at, end - at));
-        at = end == std::string::npos ? text.size() : end + 1;
-    }
-    return lines;
 }
 
 // The user log file of a scope: every trace line, as "<letter> <message>".
@@ -45,16 +35,19 @@ public:
     }
     std::vector<std::string> lines() const {
         std::vector<std::string> result;
-        for (const std::string &line : split_lines(raw()))
+        for (const std::string &line : split(raw()))
             result.push_back(line.substr(0, 2) + line.substr(message_column(line)));
         return result;
     }
     // Lines of one level: the letter is not enough to tell 8 from 16, so this looks at texts.
-    int count(const std::string &wanted) const {
-        int found = 0;
-        for (const std::string &line : lines())
-            found += line == wanted ? 1 : 0;
-        return found;
+    long count(const std::string &wanted) const {
+        const std::vector<std::string> all = lines();
+        return std::count(all.begin(), all.end(), wanted);
+    }
+    long count_starting(const std::string &start) const {
+        const std::vector<std::string> all = lines();
+        return std::count_if(all.begin(), all.end(),
+                             [&](const auto &line) { return line.starts_with(start); });
     }
 
 private:

@@ -47,3 +47,7 @@ std::int32_t log_write(void *, std::int32_t level, std::int32_t, const char *, s
 inline long count_traced(const std::string &line) {
     return std::count(traced.begin(), traced.end(), line);
 }
+inline long count_traced_starting(const std::string &start) {
+    return std::count_if(traced.begin(), traced.end(),
+                         [&](const std::string &line) { return line.starts_with(start); });
+}

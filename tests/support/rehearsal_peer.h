@@ -2,6 +2,7 @@
 #pragma once
 
 #include "server.h"
+#include "support/rows.h"
 
 inline rehearsal::Options peer_options() {
     using namespace rehearsal;
@@ -14,15 +15,19 @@ inline rehearsal::Options peer_options() {
     return {.cluster = std::move(cluster)};
 }
 
-// A server at the address of each row, with the fault of the row, "" for none.
-template <typename Row>
-rehearsal::Options faulty_options(const std::vector<Row> &rows) {
+// One that runs.
+struct Peer : rehearsal::Server {
+    explicit Peer(rehearsal::Options options = peer_options()) : Server(std::move(options)) { start(); }
+};
+
+// A server at the address that each row starts with, with the fault that comes next, "" for none.
+inline rehearsal::Options faulty_options(const std::vector<Row> &rows) {
     rehearsal::Options options = peer_options();
     options.addresses.clear();
     for (const Row &row : rows) {
-        options.addresses.emplace_back(row.address);
-        if (row.fault[0] != '\0')
-            options.faults.emplace_back(row.address, row.fault);
+        options.addresses.push_back(row[0]);
+        if (!row[1].empty())
+            options.faults.emplace_back(row[0], row[1]);
     }
     return options;
 }
