@@ -1,6 +1,7 @@
 // The configuration store's own trace.
 #include "trace.h"
 
+#include "cancel.h"
 #include "log.h"
 
 #include <algorithm>
@@ -51,6 +52,7 @@ void traceex(std::int32_t level, const char *file, std::int32_t line, const char
              const char *message) {
     if (!trace_is_open())
         return;
+    const CancelDisabled whole; // a line is whole or absent
     const std::shared_lock lock(writers);
     void *handle = _tracehandle;
     if (handle == nullptr)

@@ -1,6 +1,7 @@
 // The files of the configuration store.
 #include "xmlin/file.h"
 
+#include "cancel.h"
 #include "trace.h"
 #include "xmllib.h"
 
@@ -12,7 +13,9 @@
 #include <memory>
 
 #include <fcntl.h>
+#include <libxml/SAX2.h>
 #include <libxml/parser.h>
+#include <libxml/parserInternals.h>
 #include <libxml/xmlerror.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -36,8 +39,8 @@ std::array<char[XML_PATH_SIZE], 6> _policypath;
 namespace {
 
 constexpr int parse_attempts = 3;
-constexpr unsigned attempt_gap = 1;              // seconds
-constexpr off_t file_size_max = off_t{64} << 20; // bytes; a parsed document takes several times its file
+constexpr unsigned attempt_gap = 1;             // seconds
+constexpr off_t file_size_max = off_t{4} << 20; // bytes; a parsed document takes up to 35 times its file
 
 constexpr auto policy_directories = std::to_array<const char *>(
     {"", "resource/", "monitor/", "heartbeat/", "networkpartition/", "forcestop/"});
@@ -52,6 +55,7 @@ class Descriptor {
 public:
     explicit Descriptor(int fd) : fd_(fd) {}
     ~Descriptor() {
+        const CancelDisabled in_destructor;
         if (fd_ != -1)
             close(fd_);
     }
@@ -72,15 +76,45 @@ bool is_readable(int fd) {
     return S_ISREG(status.st_mode) && status.st_size <= file_size_max;
 }
 
-// Nothing outside the file is fetched and no entity is expanded beyond what libxml2 allows by itself.
+struct FreeContext {
+    void operator()(xmlParserCtxt *context) const { xmlFreeParserCtxt(context); }
+};
+using Context = std::unique_ptr<xmlParserCtxt, FreeContext>;
+
+// Parameter entities have no use in a configuration, and libxml2 may never come back from those that
+// contain each other.
+void declare_entity(void *parser, const xmlChar *name, int type, const xmlChar *public_id,
+                    const xmlChar *system_id, xmlChar *content) {
+    if (type != XML_INTERNAL_PARAMETER_ENTITY && type != XML_EXTERNAL_PARAMETER_ENTITY) {
+        xmlSAX2EntityDecl(parser, name, type, public_id, system_id, content);
+        return;
+    }
+    auto *context = static_cast<xmlParserCtxt *>(parser);
+    err_handler(nullptr, "parameter entity %%%s is refused", reinterpret_cast<const char *>(name));
+    context->wellFormed = 0;
+    xmlStopParser(context);
+}
+
+// Nothing outside the file is fetched and no entity is expanded beyond what libxml2 allows by itself. A parse
+// that broke off for want of memory leaves a tree behind that looks whole, and is none.
+Document parse(int fd, const char *file) {
+    xmlSetGenericErrorFunc(nullptr, err_handler); // per thread
+    const Context context(xmlNewParserCtxt());
+    if (context == nullptr)
+        return nullptr;
+    context->sax->entityDecl = declare_entity;
+    Document doc(xmlCtxtReadFd(context.get(), fd, file, nullptr, XML_PARSE_NONET));
+    const bool broke_off = context->errNo == XML_ERR_NO_MEMORY || context->disableSAX != 0;
+    return broke_off ? nullptr : std::move(doc);
+}
+
 Document parse_once(const char *file) {
     const Descriptor fd(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     if (!is_readable(fd.get())) {
         err_handler(nullptr, "%s: %s", file, std::strerror(errno));
         return nullptr;
     }
-    xmlSetGenericErrorFunc(nullptr, err_handler); // per thread
-    return Document(xmlReadFd(fd.get(), file, nullptr, XML_PARSE_NONET));
+    return parse(fd.get(), file);
 }
 
 // Whether the directory of the cluster configuration exists: without it there is no file that could be in
@@ -329,7 +363,9 @@ void fill_path(char (&path)[XML_PATH_SIZE], const char *first, const char *secon
 // Tries the six directories with the policy directory's name in place of their %s.
 bool find_candidate(const char *name, const char *type, char *path) {
     for (const char *directory : _policypath) {
-        const char *gap = std::strstr(directory, "%s");
+        const std::size_t length_before = std::strlen(_xml_installpath); // which may hold anything
+        const char *gap =
+            std::strlen(directory) > length_before ? std::strstr(directory + length_before, "%s") : nullptr;
         if (gap == nullptr)
             continue;
         const int length = std::snprintf(path, XML_PATH_SIZE, "%.*s%s%s%s.pol",

@@ -26,8 +26,10 @@ struct Free {
 };
 using Records = std::unique_ptr<ZYNXML_ELEMENT, Free>;
 
-std::string_view text_of(const xmlChar *text) {
-    return text != nullptr ? std::string_view(reinterpret_cast<const char *>(text)) : std::string_view();
+// Copies what fits of a text of the tree into a zeroed field of `size` bytes.
+void copy_text(const xmlChar *text, char *field, std::size_t size) {
+    const char *start = reinterpret_cast<const char *>(text);
+    std::memcpy(field, start, strnlen(start, size - 1));
 }
 
 // The value text of an element's first attribute; null when it has none.
@@ -173,7 +175,7 @@ int convert_found(const char *path, const Found &found, int type, void *buffer, 
             XMLIN_TRACE(2, "not exist contents(%s).", path);
             return XMLLIB_ERR_NOCONTENTS;
         }
-        text_of(found.node->content).copy(text, sizeof(text) - 1);
+        copy_text(found.node->content, text, sizeof(text));
         if (cut_space(text) != 0) {
             XMLIN_TRACE(1, "invalid value.");
             return XMLLIB_ERR_INVALIDVALUE;
@@ -254,7 +256,7 @@ int query_list(const char *path, char *buffer, int *size) {
 // Stores one value of a list; returns 0, or XMLLIB_ERR_INVALIDVALUE.
 int store_attr(const xmlChar *value, char *slot) {
     std::memset(slot, 0, list_slot_size);
-    text_of(value).copy(slot, list_slot_size - 1);
+    copy_text(value, slot, list_slot_size);
     if (cut_space(slot) == 0)
         return XMLLIB_OK;
     XMLIN_TRACE(1, "invalid value.");
@@ -269,6 +271,8 @@ int collect_attrs(const xmlNode *first, const ZYNXML_ELEMENT &record, char *buff
         const xmlChar *value = matches(node, record, false) ? first_attribute(node) : nullptr;
         if (value == nullptr)
             continue;
+        if (count == INT_MAX / list_slot_size)
+            break;
         if (left >= list_slot_size) {
             if (store_attr(value, buffer + count * list_slot_size) != XMLLIB_OK)
                 return XMLLIB_ERR_INVALIDVALUE;
