@@ -11,6 +11,7 @@ target_link_options(zyn_link_target PRIVATE -nostdlib)
 add_dependencies(zynrexec zyn_link_target) # whoever built the command can install it
 
 string(JOIN " " ZYN_POLICY_ITEMS ${ZYN_POLICIES})
+string(JOIN " " ZYN_CATALOGUE_ITEMS ${ZYN_CATALOGUES})
 set(ZYN_PATH_PLACEHOLDER "@INSTALL_DIR@") # stands in all.pol for the install directory
 configure_file(cmake/install_check.cmake.in install_check.cmake @ONLY)
 configure_file(cmake/install_tree.cmake.in install_tree.cmake @ONLY)

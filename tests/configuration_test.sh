@@ -125,6 +125,10 @@ grep -q '^example' "$folder/sample" || fail "the sample shows nothing"
 message_only=/root/rexec/path
 grep -rh --include='*.cpp' --include='*.h' '"/root/' src | sed 's,//.*,,' | grep -o '"/root/[^"]*"' |
     tr -d '"' | sort -u >"$folder/in_sources"
+# Elements that are told by an attribute are listed by the path in front of it.
+awk -F'\t' '$4 == "yes" && $1 ~ /@%s/ { sub(/@%s.*/, "", $1); print $1 }' "$folder/rows" | sort -u >"$folder/listed"
+! comm -13 "$folder/in_sources" "$folder/listed" | grep . || fail "the elements of these keys are not listed by src"
+sed -i -f <(sed 's/.*/\\,^&$,d/' "$folder/listed") "$folder/in_sources"
 grep -qx "$message_only" "$folder/in_sources" || fail "$message_only is in no message any more"
 sed -i "\\,^$message_only\$,d" "$folder/in_sources"
 awk -F'\t' '$4 == "yes" { print $1 }' "$folder/rows" | sort >"$folder/read"
@@ -138,5 +142,16 @@ grep -rhE --include='*.cpp' '^ *\{"/root/.*\},$' src |
 (($(wc -l <"$folder/built_in") >= 10)) || fail "the defaults in the sources were not found"
 cut -f1,2 "$folder/in_table" | grep -Ff <(cut -f1 "$folder/built_in" | sed 's/$/\t/') >"$folder/told" || true
 expect_same "defaults: src (first), $table (second)" "$folder/built_in" "$folder/told"
+
+# The message catalogues: known keys, levels and destinations, no number twice, nothing that is cut or refused.
+for catalogue in etc/messages/*.msg.us; do
+    ! awk -F ' *= *' '/^$|^;/ { next }
+        { text = $0; gsub(/%%/, "", text) }
+        length > 543 || !/^(ID|LVL|SEND|MSG) *= [^ ]/ || text ~ /%[^sd]/ { print; next }
+        $1 == "ID" && ($2 !~ /^[0-9]+$/ || seen[$2]++) { print }
+        $1 == "LVL" && $2 !~ /^(INFO|WARN|ERROR)$/ { print }
+        $1 == "SEND" && (", " $2) !~ /^(, (syslog|alert|mail|trap|altexec|pubsub|uptime))+$/ { print }' "$catalogue" |
+        grep . || fail "lines of $catalogue that make no sense"
+done
 
 ((failures == 0))

@@ -78,6 +78,10 @@ etc/zyn.conf.sample
 lib
 lib/libzynxml.so.1.0.0
 messages
+messages/cluster.msg.us
+messages/event.msg.us
+messages/rexec.msg.us
+messages/trnsv.msg.us
 tmp
 work
 work/ipc
@@ -95,6 +99,9 @@ expect "command can be run" test -x "$prefix/bin/zynrexec"
 for name in log event cluster trnsv rexec statsd; do
     expect "$name.pol" cmp {"$sources","$prefix"}/etc/policy/$name.pol
 done
+for name in rexec trnsv event cluster; do
+    expect "$name.msg.us" cmp {"$sources/etc","$prefix"}/messages/$name.msg.us
+done
 expect "zyn.conf" cmp {"$sources","$prefix"}/etc/zyn.conf
 expect "sample" cmp {"$sources","$prefix"}/etc/zyn.conf.sample
 
@@ -107,6 +114,8 @@ echo "-- what was changed stays"
 echo '<root><all><core>0</core></all></root>' >"$prefix/etc/zyn.conf"
 sed -i 's/>180</>300</' "$prefix/etc/policy/rexec.pol"
 sed -i "s,<path>.*<,<path>/elsewhere<," "$prefix/etc/policy/all.pol"
+echo "; changed" >>"$prefix/messages/trnsv.msg.us"
+cp "$prefix/messages/trnsv.msg.us" "$folder/trnsv.msg.us"
 echo changed >"$prefix/etc/zyn.conf.sample"
 cp -r "$prefix/etc" "$folder/changed"
 expect "installs" install_to "$prefix"
@@ -116,10 +125,13 @@ done
 expect "new rexec.pol" cmp "$sources/etc/policy/rexec.pol" "$prefix/etc/policy/rexec.pol.new"
 expect "new all.pol, with the path" grep -qF 'a &amp; &lt;b&gt;</path>' "$prefix/etc/policy/all.pol.new"
 expect "says so" says "rexec.pol, which differs from the new one; see rexec.pol.new beside it"
-expect "no other new ones" test "$(find "$prefix" -name '*.new' | wc -l)" = 2
+expect "trnsv.msg.us is kept" cmp {"$folder","$prefix/messages"}/trnsv.msg.us
+expect "new trnsv.msg.us" cmp "$sources/etc/messages/trnsv.msg.us" "$prefix/messages/trnsv.msg.us.new"
+expect "no other new ones" test "$(find "$prefix" -name '*.new' | wc -l)" = 3
 expect "sample" cmp {"$sources","$prefix"}/etc/zyn.conf.sample
 mv "$prefix/etc/policy/rexec.pol.new" "$prefix/etc/policy/rexec.pol"
 mv "$prefix/etc/policy/all.pol"{.new,}
+mv "$prefix/messages/trnsv.msg.us"{.new,}
 echo left over >"$prefix/etc/policy/log.pol.new"
 expect "installs" install_to "$prefix"
 expect "no new ones are left" test -z "$(find "$prefix" -name '*.new')"
@@ -190,6 +202,7 @@ echo '<root><all><core>0</core></all></root>' >"$tree/etc/zyn.conf"
 sed -i 's/>180</>300</' "$tree/etc/policy/rexec.pol"
 echo left over >"$tree/etc/policy/log.pol.new"
 echo changed >"$tree/etc/zyn.conf.sample"
+echo changed >"$tree/messages/event.msg.us"
 rm "$tree/etc/policy/trnsv.pol"
 cp -r "$tree/etc" "$folder/changed_tree"
 (cd "$folder" && "$rehearse" --install-tree "tree & <t>" >"$folder/log") || fail "lays out again, from a relative name"
@@ -198,7 +211,9 @@ expect "rexec.pol is kept" cmp {"$folder/changed_tree","$tree/etc"}/policy/rexec
 expect "new rexec.pol" cmp "$sources/etc/policy/rexec.pol" "$tree/etc/policy/rexec.pol.new"
 expect "trnsv.pol is back" cmp {"$sources","$tree"}/etc/policy/trnsv.pol
 expect "sample" cmp {"$sources","$tree"}/etc/zyn.conf.sample
-expect "no other new ones" test "$(find "$tree" -name '*.new' -o -name '*.tmp')" = "$tree/etc/policy/rexec.pol.new"
+expect "event.msg.us is kept" grep -qx changed "$tree/messages/event.msg.us"
+expect "new event.msg.us" cmp "$sources/etc/messages/event.msg.us" "$tree/messages/event.msg.us.new"
+expect "no other new ones" test "$(find "$tree" -name '*.new' -o -name '*.tmp' | wc -l)" = 2
 expect "says so" grep -qF "rexec.pol, which differs; the new one is $tree/etc/policy/rexec.pol.new" "$folder/log"
 status=0
 "$rehearse" --install-tree "$folder/file/tree" >"$folder/log" 2>&1 || status=$?

@@ -2,6 +2,7 @@
 #include "rexeccl.h"
 #include "rexeccl/settings.h"
 #include "support/capture.h"
+#include "support/fake_log.h"
 #include "support/rows.h"
 #include "xmllib.h"
 

@@ -3,6 +3,7 @@
 #include "cancel.h"
 #include "rexeccl/thread.h"
 #include "support/capture.h"
+#include "support/fake_log.h"
 #include "xmllib.h"
 
 #include <gtest/gtest.h>

@@ -27,7 +27,12 @@ enum class Existing { refresh, keep, keep_if_different };
 Existing treatment(std::string_view name) {
     if (name == "zyn.conf")
         return Existing::keep;
-    return name.ends_with(".pol") ? Existing::keep_if_different : Existing::refresh;
+    return name == "zyn.conf.sample" ? Existing::refresh : Existing::keep_if_different;
+}
+
+// Message catalogues lie beside etc/.
+fs::path place_in(const fs::path &tree, std::string_view name) {
+    return name.starts_with("messages/") ? tree / name : tree / "etc" / name;
 }
 
 std::string escape_xml(std::string_view text) {
@@ -145,7 +150,7 @@ void rehearsal::lay_out_tree(const fs::path &directory, std::ostream &out) {
     for (const char *name : directories)
         fs::create_directories(tree / name);
     for (const EtcFile &file : etc_files())
-        place_file(tree / "etc" / file.name, fill_in(file.text, path), treatment(file.name), out);
+        place_file(place_in(tree, file.name), fill_in(file.text, path), treatment(file.name), out);
     copy_command(tree, out);
     explain(tree, out);
 }

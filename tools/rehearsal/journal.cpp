@@ -16,19 +16,6 @@
 namespace rehearsal {
 namespace {
 
-std::string time_of_day() {
-    const auto now = std::chrono::system_clock::now();
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
-    const auto ms =
-        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    std::array<char, 32> text{};
-    const int length = std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour,
-                                     local.tm_min, local.tm_sec, static_cast<int>(ms));
-    return {text.data(), static_cast<std::size_t>(length)};
-}
-
 std::string outcome(const Exchange &exchange) {
     if (!exchange.problem.empty()) {
         return "refused: " + exchange.problem;
@@ -60,6 +47,19 @@ bool write_all(int descriptor, std::string_view text) {
 }
 
 } // namespace
+
+std::string time_of_day() {
+    const auto now = std::chrono::system_clock::now();
+    const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+    const auto ms =
+        std::chrono::duration_cast<std::chrono::milliseconds>(now.time_since_epoch()).count() % 1000;
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    std::array<char, 32> text{};
+    const int length = std::snprintf(text.data(), text.size(), "%02d:%02d:%02d.%03d", local.tm_hour,
+                                     local.tm_min, local.tm_sec, static_cast<int>(ms));
+    return {text.data(), static_cast<std::size_t>(length)};
+}
 
 std::string journal_line(const Exchange &exchange) {
     std::string line = time_of_day() + " " + exchange.server + " <- " + exchange.client + " " +

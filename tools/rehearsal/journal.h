@@ -8,6 +8,9 @@
 
 namespace rehearsal {
 
+// Now, as "hh:mm:ss.mmm" in local time.
+std::string time_of_day();
+
 // One readable line about an exchange, with the time of day, without a newline.
 std::string journal_line(const Exchange &exchange);
 

@@ -1,4 +1,6 @@
-// zynrehearse: a stand-in data transfer server to rehearse against.
+// zynrehearse: a stand-in data transfer server, and a stand-in event daemon, to rehearse against.
+#include "events/daemon.h"
+#include "events/table.h"
 #include "install_tree.h"
 #include "server.h"
 
@@ -6,12 +8,15 @@
 #include <asio/io_context.hpp>
 #include <asio/signal_set.hpp>
 
+#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
 #include <optional>
+#include <string_view>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -26,8 +31,32 @@ struct Arguments {
     std::vector<std::string> faults{};
     std::filesystem::path port_file{};
     std::optional<std::filesystem::path> install_tree{};
+    rehearsal::EventOptions events{};
+    std::optional<std::string> set_level{};
     bool quiet = false;
+    bool listens = true; // plays the data transfer server
+    bool has_events = false;
 };
+
+void declare_events(CLI::App &app, Arguments &arguments) {
+    app.add_option(
+           "-e,--events", arguments.events.tree,
+           "Play the event daemon for the installation in this folder: take the records of the log\n"
+           "library at tmp/sockevent there, keep the log files in log/ and the shared level table, and\n"
+           "tell where events would go. No data transfer server then, unless --listen is given, too")
+        ->type_name("DIR");
+    app.add_option("--event-port", arguments.events.port,
+                   "Take records at this UDP port of 127.0.0.1, too; 0 picks a free one")
+        ->type_name("PORT");
+    app.add_flag("--event-queue", arguments.events.queue,
+                 "Take records from the message queue of work/ipc/msgq.key, too");
+    app.add_option(
+           "--set-level", arguments.set_level,
+           "Set the log level of a module type for the event daemon of --events DIR that runs already,\n"
+           "and end: 1 to 32768, or -1 to write nothing; 0 cannot be set. It takes effect at the next\n"
+           "message of running modules and holds until the daemon ends. Goes with --events only")
+        ->type_name("TYPE=LEVEL");
+}
 
 void declare(CLI::App &app, Arguments &arguments) {
     rehearsal::Options &server = arguments.server;
@@ -39,7 +68,8 @@ void declare(CLI::App &app, Arguments &arguments) {
         ->type_name("PORT")
         ->default_str("0");
     app.add_option("--port-file", arguments.port_file,
-                   "Write the port into this file once the server is ready")
+                   "Write the port into this file once everything is ready: that of --listen, that of\n"
+                   "--event-port without it, both, in this order, with both")
         ->type_name("FILE");
     app.add_option("-c,--cluster", server.cluster_file,
                    "The pretended cluster, an XML file; without it the cluster is empty")
@@ -53,23 +83,60 @@ void declare(CLI::App &app, Arguments &arguments) {
     app.add_option("--dump", server.dumps,
                    "Write the bytes of each packet into numbered files of this folder")
         ->type_name("DIR");
-    app.add_flag("-q,--quiet", arguments.quiet, "Print no line for each exchange");
+    app.add_flag("-q,--quiet", arguments.quiet, "Print no line for each exchange or record");
     app.add_option("--install-tree", arguments.install_tree,
                    "Lay out an installation of the command in this folder, tell how to use it, and end;\n"
                    "changed settings that are there already stay. Stands alone")
         ->type_name("DIR");
+    declare_events(app, arguments);
     app.footer(
         "Faults, written [check-|request-|terminate-|all-]NAME[:N]; the prefix chooses which exchange is\n"
         "struck in place of the usual one (for most the request):\n" +
         rehearsal::fault_help() +
-        "\nExit status: 0 stopped by SIGINT or SIGTERM, or the tree is laid out; 1 could not start, or\n"
-        "could not lay it out; 2 wrong options.");
+        "\nExit status: 0 stopped by SIGINT or SIGTERM, the tree is laid out, or the level set; 1 could not\n"
+        "start, lay it out or set it; 2 wrong options.");
 }
 
-void check_alone(const CLI::App &app) {
-    if (app.count("--install-tree") > 0 && app.parse_order().size() > 1) {
-        throw CLI::ValidationError("--install-tree", "goes with no other option");
-    }
+// What an option goes with, besides being valid by itself.
+struct Rule {
+    const char *option;
+    const char *needs; // has to stand beside it, null for nothing
+    bool alone;        // nothing else may
+};
+constexpr auto rules = std::to_array<Rule>({
+    {"--install-tree", nullptr, true},
+    {"--set-level", "--events", true},
+    {"--event-port", "--events", false},
+    {"--event-queue", "--events", false},
+});
+// With --events these need --listen: they are of the data transfer server alone.
+constexpr auto server_options =
+    std::to_array<const char *>({"--port", "--cluster", "--fault", "--script", "--dump"});
+
+void check_rule(const CLI::App &app, const Rule &rule) {
+    if (rule.needs != nullptr && app.count(rule.needs) == 0)
+        throw CLI::ValidationError(rule.option, std::string("needs ") + rule.needs);
+    if (!rule.alone)
+        return;
+    if (rule.needs == nullptr && app.parse_order().size() > 1)
+        throw CLI::ValidationError(rule.option, "goes with no other option");
+    if (rule.needs != nullptr && app.parse_order().size() > 2)
+        throw CLI::ValidationError(rule.option, std::string("goes with ") + rule.needs + " only");
+}
+
+void check_roles(const CLI::App &app, Arguments &arguments) {
+    for (const Rule &rule : rules)
+        if (app.count(rule.option) > 0)
+            check_rule(app, rule);
+    arguments.has_events = app.count("--events") > 0;
+    arguments.listens = !arguments.has_events || app.count("--listen") > 0;
+    if (arguments.listens)
+        return;
+    for (const char *option : server_options)
+        if (app.count(option) > 0)
+            throw CLI::ValidationError(option, "needs --listen beside --events");
+    if (app.count("--port-file") > 0 && !arguments.events.port)
+        throw CLI::ValidationError("--port-file", "needs --listen or --event-port beside --events");
 }
 
 // Splits ADDRESS=FAULT at the first equals sign.
@@ -84,11 +151,12 @@ void split_faults(Arguments &arguments) {
 }
 
 // The name appears only with the whole content, so that a reader never sees half a number.
-void write_port(const std::filesystem::path &file, unsigned port) {
+void write_ports(const std::filesystem::path &file, const std::vector<unsigned> &ports) {
     std::filesystem::path fresh = file;
     fresh += ".new";
     std::ofstream out(fresh);
-    out << port << '\n';
+    for (const unsigned port : ports)
+        out << port << '\n';
     if (out.close(); !out) {
         throw std::runtime_error("cannot write " + fresh.string());
     }
@@ -105,23 +173,44 @@ void fill_standard_descriptors() {
     }
 }
 
+// Starts the data transfer server and tells where it listens.
+void start_server(rehearsal::Server &server, std::vector<unsigned> &ports) {
+    server.start();
+    for (const std::string &address : server.addresses()) {
+        std::cout << "listening on " << address << " port " << server.port() << '\n';
+    }
+    std::cout.flush();
+    ports.push_back(server.port());
+}
+
+void start_events(asio::io_context &io, Arguments &arguments, std::optional<rehearsal::EventDaemon> &daemon,
+                  std::vector<unsigned> &ports) {
+    arguments.events.journal = arguments.quiet ? -1 : STDOUT_FILENO;
+    daemon.emplace(io, arguments.events);
+    daemon->tell(std::cout);
+    if (arguments.events.port)
+        ports.push_back(daemon->port());
+}
+
 int serve(Arguments &arguments) {
     std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     asio::io_context io;
+    std::optional<rehearsal::EventDaemon> daemon;
     asio::signal_set signals(io, SIGINT, SIGTERM);
-    signals.async_wait([](const asio::error_code &, int) {});
+    signals.async_wait([&io](const asio::error_code &, int) { io.stop(); });
     rehearsal::raise_descriptor_limit();
 
+    std::vector<unsigned> ports;
     arguments.server.record = false;
     arguments.server.journal = arguments.quiet ? -1 : STDOUT_FILENO;
     rehearsal::Server server(std::move(arguments.server));
-    server.start();
-    for (const std::string &address : server.addresses()) {
-        std::printf("listening on %s port %u\n", address.c_str(), unsigned{server.port()});
-    }
-    std::fflush(stdout);
+    if (arguments.listens)
+        start_server(server, ports);
+    if (arguments.has_events)
+        start_events(io, arguments, daemon, ports);
     if (!arguments.port_file.empty()) {
-        write_port(arguments.port_file, server.port());
+        write_ports(arguments.port_file, ports);
     }
     io.run(); // until a signal comes
     server.stop();
@@ -134,13 +223,14 @@ int main(int argc, char **argv) {
     fill_standard_descriptors();
     CLI::App app(
         "A stand-in data transfer server: answers check, failover, script, notice, clear and farewell\n"
-        "for a pretended cluster, so that a drill can be rehearsed without a real one.",
+        "for a pretended cluster, so that a drill can be rehearsed without a real one. With --events a\n"
+        "stand-in event daemon, which takes the records of the log library.",
         "zynrehearse");
     Arguments arguments;
     declare(app, arguments);
     try {
         app.parse(argc, argv);
-        check_alone(app);
+        check_roles(app, arguments);
         split_faults(arguments);
     } catch (const CLI::ParseError &error) {
         return app.exit(error) == 0 ? 0 : exit_usage;
@@ -148,6 +238,10 @@ int main(int argc, char **argv) {
     try {
         if (arguments.install_tree) {
             rehearsal::lay_out_tree(*arguments.install_tree, std::cout);
+            return 0;
+        }
+        if (arguments.set_level) {
+            std::cout << rehearsal::set_level(arguments.events.tree, *arguments.set_level) << '\n';
             return 0;
         }
         return serve(arguments);

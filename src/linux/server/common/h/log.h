@@ -20,7 +20,7 @@ enum : std::int32_t {
 inline constexpr std::int32_t LOG_DEFAULT_LEVEL = 4;
 inline constexpr std::int32_t LOG_DEFAULT_SIZE = 1000000; // bytes
 
-// Result codes of the three operations.
+// Result codes.
 enum : std::int32_t {
     LOG_OK = 0,
     LOG_ERR_PARAMETER = 2,  // empty module type or null handle
@@ -30,8 +30,13 @@ enum : std::int32_t {
     LOG_ERR_INSTALL = 9,    // the install directory is unknown
     LOG_ERR_TRANSPORT = 11, // the transport could not be opened
     LOG_ERR_DAEMON = 12,    // the daemon could not be reached
+    LOG_ERR_CATALOGUE = 13, // the message catalogue could not be opened
+    LOG_ERR_EVENT = 14,     // the message catalogue does not have the event
     LOG_ERR_CONFIG = 15,    // the configuration library could not start
     LOG_ERR_POLICY = 17,    // a policy could not be loaded
+    LOG_ERR_UNSET = 21,     // the event has no settings of its own; stays inside the library
+    LOG_ERR_TEXT = 25,      // the text of the event cannot be formatted safely
+    LOG_ERR_COMMAND = 26,   // a command line could not be built; stays inside the library
 };
 
 // Held while a handle is opened or closed. The configuration store takes it before its own mutexes, because
@@ -52,14 +57,16 @@ std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, 
 // Writes one message.
 //   eid                   event number, used at LOG_LEVEL_EVENT only
 //   filename, line, func  the caller's source position; the two texts may be null
-//   fmt, ...              a printf-style message
+//   fmt, ...              a printf-style message. At LOG_LEVEL_EVENT the text is the catalogue's and the
+//                         arguments have to fit that; fmt is not looked at
 // Returns LOG_OK, LOG_ERR_LEVEL, or the code of what failed. Any thread may call it.
 std::int32_t log_write(void *phandle, std::int32_t level, std::int32_t eid, const char *filename,
                        std::int32_t line, const char *func, const char *fmt, ...)
     __attribute__((format(printf, 7, 8)));
 
 // Announces the module's end to the event daemon and frees the handle.
-// Returns LOG_OK, or LOG_ERR_PARAMETER for a null handle.
+// Returns LOG_OK, LOG_ERR_PARAMETER for a null handle, or LOG_ERR_DAEMON where it could not be announced; the
+// handle is freed all the same.
 std::int32_t log_term(void *phandle);
 
 // Copies a finished text into `doubled` of `size` bytes and doubles each per cent sign that is not half of

@@ -1,0 +1,297 @@
+// The log library against sockets and a queue in place of the event daemon.
+#include "cancel.h"
+#include "log.h"
+#include "log_local.h"
+#include "shmlog.h"
+#include "support/log_tree.h"
+#include "support/rows.h"
+#include "xmllib.h"
+
+#include <chrono>
+#include <regex>
+#include <thread>
+
+#include <sys/msg.h>
+#include <sys/shm.h>
+
+namespace {
+
+std::atomic<int> allocations{0};
+
+} // namespace
+
+extern "C" {
+void *__real_malloc(std::size_t size);
+void *__wrap_malloc(std::size_t size) {
+    ++allocations;
+    return __real_malloc(size);
+}
+void *__real__Znwm(std::size_t size); // operator new
+void *__wrap__Znwm(std::size_t size) {
+    ++allocations;
+    return __real__Znwm(size);
+}
+}
+
+namespace {
+
+class Log : public LogTree {
+protected:
+    // A handle whose opening has been taken from the socket.
+    void *open(const Receiver &daemon, std::int32_t level = 4, const char *type = "mod") const {
+        void *handle = nullptr;
+        EXPECT_EQ(log_init(type, &handle, level, 0, nullptr), LOG_OK);
+        EXPECT_EQ(daemon.take().dest, 0);
+        EXPECT_STREQ(daemon.take().type, "uptime");
+        return handle;
+    }
+    std::string socket_path() const { return folder / "tmp/sockevent"; }
+    bool quiet = true;
+};
+
+TEST_F(Log, HandleIsAnnouncedAndEnded) {
+    const Receiver daemon(socket_path());
+    configure("<log><log><level>8</level><size>5000</size></log></log><event><uptime><level>2</level>"
+              "<size>70</size></uptime></event>");
+    void *handle = nullptr;
+    ASSERT_EQ(log_init("rexec", &handle, 0, 0, "/var/log/x"), LOG_OK);
+    const EVENTC_LOG_INFO init = daemon.take();
+    EXPECT_STREQ(init.magicno, "muse00001");
+    EXPECT_STREQ(init.version, "evt10");
+    EXPECT_EQ(from_network(init.dest), EVENTC_REQ_INITIALIZE);
+    EXPECT_STREQ(init.type, "rexec");
+    EXPECT_EQ(from_network(init.pid), getpid());
+    EXPECT_EQ(from_network(init.tid), gettid());
+    EXPECT_EQ(from_network(init.destinfo.init.logsize), 5000);
+    EXPECT_EQ(from_network(init.destinfo.init.loglevel), 8);
+    EXPECT_EQ(init.destinfo.init.startendmsgflag, 1) << "in host order";
+    EXPECT_STREQ(init.destinfo.init.dirpath, "/var/log/x");
+    const EVENTC_LOG_INFO uptime = daemon.take();
+    EXPECT_STREQ(uptime.type, "uptime");
+    EXPECT_EQ(from_network(uptime.destinfo.init.logsize), 70);
+    EXPECT_EQ(from_network(uptime.destinfo.init.loglevel), 2);
+    EXPECT_EQ(uptime.destinfo.init.startendmsgflag, 0);
+    EXPECT_EQ(log_write(handle, 8, 0, "a/b/source.cpp", 7, "function", "%d%%", 5), LOG_OK);
+    const EVENTC_LOG_INFO line = daemon.take();
+    EXPECT_EQ(from_network(line.dest), EVENTC_REQ_LOCAL);
+    EXPECT_EQ(from_network(line.destinfo.local.loglevel), 8);
+    EXPECT_EQ(log_term(handle), LOG_OK);
+    const EVENTC_LOG_INFO term = daemon.take();
+    EXPECT_EQ(from_network(term.dest), EVENTC_REQ_TERMINATE);
+    EXPECT_STREQ(term.type, "rexec");
+    EXPECT_EQ(daemon.take().magicno[0], '\0');
+}
+
+// Each transport carries the same records; the queue's are messages of type 1.
+TEST_F(Log, TransportIsChosenByTheConfiguration) {
+    const Receiver port;
+    configure("<cluster><event><method>1</method><port>" + std::to_string(port.port) +
+              "</port></event></cluster>");
+    void *handle = nullptr;
+    ASSERT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_OK);
+    EXPECT_STREQ(port.take(1000).type, "mod");
+    log_term(handle);
+
+    configure("<cluster><event><method>2</method></event></cluster>");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_TRANSPORT) << "nobody has made the queue";
+    const key_t key = ftok((folder / "work/ipc/msgq.key").c_str(), 99);
+    const int queue = msgget(key, IPC_CREAT | 0600);
+    ASSERT_NE(queue, -1);
+    ASSERT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_OK);
+    EVENTC_MSGBUF message = {};
+    EXPECT_EQ(msgrcv(queue, &message, sizeof(message.info), 1, IPC_NOWAIT), ssize_t{EVENTC_RECORD_LEN});
+    EXPECT_STREQ(message.info.type, "mod");
+    // A full queue loses the message, and says so once, in a file.
+    msqid_ds limits = {};
+    msgctl(queue, IPC_STAT, &limits);
+    limits.msg_qbytes = 5000;
+    msgctl(queue, IPC_SET, &limits);
+    int written = 0;
+    while (log_write(handle, 1, 0, "f", 1, "g", "x") == LOG_OK)
+        ++written;
+    EXPECT_EQ(written, 1) << "the companion's announcement is the other of two";
+    std::ifstream note(folder / "tmp/log_msg");
+    std::string text;
+    std::getline(note, text);
+    EXPECT_TRUE(std::regex_match(text, std::regex("[0-9/]{10} [0-9:.]{12} msgsnd\\(\\) failed\\."))) << text;
+    std::filesystem::remove(folder / "tmp/log_msg");
+    EXPECT_EQ(log_write(handle, 1, 0, "f", 1, "g", "x"), LOG_ERR_DAEMON);
+    EXPECT_FALSE(std::filesystem::exists(folder / "tmp/log_msg"));
+    EXPECT_EQ(log_term(handle), LOG_ERR_DAEMON);
+    msgctl(queue, IPC_RMID, nullptr);
+}
+
+// Line forms at their limits; see the data for the columns.
+TEST_F(Log, Lines) {
+    const Receiver daemon(socket_path());
+    for (const Row &row : read_rows("lines.txt", 8, Escapes::kept)) {
+        configure("<cluster><locallog><format><year>" + row[0] + "</year></format></locallog></cluster>");
+        void *handle = open(daemon, 32);
+        const auto write = [&] {
+            EXPECT_EQ(log_write(handle, std::stoi(row[2]), 0, row[3] == "null" ? nullptr : row[3].c_str(),
+                                std::stoi(row[4]), row[5] == "null" ? nullptr : row[5].c_str(), "%s",
+                                row[6].c_str()),
+                      LOG_OK);
+        };
+        row[1] == "main" ? write() : std::thread(write).join();
+        const EVENTC_LOG_INFO record = daemon.take();
+        const char *line = record.destinfo.local.msg;
+        const std::string pid = std::to_string(getpid());
+        std::string wanted = row[7];
+        if (const std::size_t at = wanted.find("PID"); at != wanted.npos)
+            wanted.replace(at, 3, pid.size() < 5 ? std::string(5 - pid.size(), '0') + pid : pid);
+        EXPECT_TRUE(std::regex_match(line, std::regex(wanted + "\n"))) << line << wanted;
+        EXPECT_EQ(record.destinfo.local.msg[510], '\n') << "whatever the length";
+        EXPECT_EQ(record.destinfo.local.msg[511], '\0');
+        log_term(handle);
+        daemon.take();
+    }
+}
+
+TEST_F(Log, LevelsAndTheSharedTable) {
+    const Receiver daemon(socket_path());
+    EXPECT_EQ(log_init("", nullptr, 4, 0, nullptr), LOG_ERR_PARAMETER);
+    EXPECT_EQ(log_init("mod", nullptr, 4, 0, nullptr), LOG_ERR_NOHANDLE);
+    void *handle = &allocations;
+    EXPECT_EQ(log_init("mod", &handle, -2, 0, nullptr), LOG_OK);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(log_write(nullptr, 1, 0, "f", 1, "g", "x"), LOG_ERR_PARAMETER);
+    EXPECT_EQ(log_term(nullptr), LOG_ERR_PARAMETER);
+    ASSERT_EQ(shmlog_create(nullptr, folder.path.c_str(), ""), SHMLOG_OK);
+    handle = open(daemon, -1);
+    const auto write = [&](std::int32_t level) {
+        const std::int32_t ret = log_write(handle, level, 0, "f", 1, "g", "x");
+        EXPECT_EQ(daemon.take().magicno[0] != '\0', ret == LOG_OK && !quiet);
+        return ret;
+    };
+    EXPECT_EQ(write(1), LOG_OK) << "and nothing is sent";
+    quiet = false;
+    for (const auto &[threshold, level, ret] :
+         std::vector<std::array<std::int32_t, 3>>{{4, 4, 0},
+                                                  {4, 8, LOG_ERR_LEVEL},
+                                                  {8, 8, 0},
+                                                  {8, 16, LOG_ERR_LEVEL},
+                                                  {32, 32, 0},
+                                                  {1, 2, LOG_ERR_LEVEL}}) {
+        EXPECT_EQ(shmlog_setloginfo("mod", threshold, 0, 0), SHMLOG_OK);
+        EXPECT_EQ(write(level), ret) << threshold << " " << level;
+    }
+    EXPECT_EQ(log_term(handle), LOG_OK);
+    daemon.take();
+    std::int32_t level = 77, size = 77, logtype = 77;
+    EXPECT_EQ(shmlog_getloginfo("none", &level, &size, &logtype), SHMLOG_ERR_NOTFOUND);
+    EXPECT_EQ(level, 77);
+    EXPECT_EQ(shmlog_getloginfo("mod", &level, &size, &logtype), SHMLOG_OK)
+        << "the handle gave back its own use only";
+    EXPECT_EQ(level, 1);
+    for (int i = 0; i < SHMLOG_TYPE_MAX - 1; ++i)
+        EXPECT_EQ(shmlog_setloginfo(("t" + std::to_string(i)).c_str(), 1, 1, 0), SHMLOG_OK);
+    EXPECT_EQ(shmlog_setloginfo("one more", 1, 1, 0), SHMLOG_ERR_NOSPACE);
+    EXPECT_EQ(shmlog_delete(), SHMLOG_OK);
+    EXPECT_EQ(shmlog_getloginfo("mod", &level, &size, &logtype), SHMLOG_ERR_NOTINIT);
+    EXPECT_EQ(shmlog_attach(nullptr, folder.path.c_str(), ""), SHMLOG_ERR_GET);
+    const int small = shmget(ftok((folder / "work/ipc/event.key").c_str(), 101), 100, IPC_CREAT | 0600);
+    EXPECT_EQ(shmlog_attach(nullptr, folder.path.c_str(), ""), SHMLOG_ERR_GET) << "of another size";
+    shmctl(small, IPC_RMID, nullptr);
+}
+
+TEST_F(Log, ConfigurationThatCannotBeRead) {
+    void *handle = nullptr;
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_DAEMON) << "nobody has made the socket";
+    EXPECT_EQ(log_init("xml", &handle, 4, 0, nullptr), LOG_ERR_DAEMON);
+    folder.write("etc/policy/all.pol", "<root/>");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_INSTALL);
+    std::filesystem::remove("etc/policy/event.pol");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_POLICY);
+    std::filesystem::remove("etc/policy/log.pol");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_CONFIG);
+    EXPECT_EQ(handle, nullptr);
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT) << "the store is given back";
+}
+
+// One wait, shared by all senders, and none after it until the daemon reads again.
+TEST_F(Log, StuckDaemonIsWaitedForOnce) {
+    auto daemon = std::make_unique<Receiver>(socket_path());
+    void *handle = open(*daemon);
+    const auto write = [&] { return log_write(handle, 1, 0, "f", 1, "g", "x"); };
+    const auto begun = std::chrono::steady_clock::now();
+    int written = 0;
+    while (write() == LOG_OK)
+        ++written;
+    std::vector<std::jthread> senders;
+    for (int i = 0; i < 4; ++i)
+        senders.emplace_back([&] {
+            for (int j = 0; j < 50; ++j)
+                EXPECT_EQ(write(), LOG_ERR_DAEMON);
+        });
+    senders.clear();
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, std::chrono::seconds(5)) << "one wait is 200 ms";
+    EXPECT_EQ(daemon->take_all().size(), static_cast<std::size_t>(written));
+    EXPECT_EQ(write(), LOG_OK);
+    daemon.reset();
+    EXPECT_EQ(write(), LOG_ERR_DAEMON);
+    const Receiver restarted(socket_path());
+    EXPECT_EQ(write(), LOG_OK) << "reached again";
+    log_term(handle);
+}
+
+TEST_F(Log, MessageNeedsNoHeap) {
+    const Receiver daemon(socket_path());
+    void *handle = open(daemon);
+    const int before = allocations;
+    EXPECT_EQ(log_write(handle, 1, 0, "f", 1, "g", "%d %s", 5, "x"), LOG_OK);
+    EXPECT_EQ(log_write(handle, 8, 0, "f", 1, "g", "%d %s", 5, "x"), LOG_ERR_LEVEL);
+    EXPECT_EQ(allocations, before);
+    log_term(handle);
+}
+
+// Handles, the store with its trace on, and the level table, from many threads: no deadlock and no race.
+TEST_F(Log, ManyThreads) {
+    folder.write("etc/policy/cluster.pol",
+                 "<root><cluster><log><xml><init>1</init></xml></log></cluster></root>");
+    const Receiver daemon(socket_path());
+    ASSERT_EQ(shmlog_create(nullptr, folder.path.c_str(), ""), SHMLOG_OK);
+    void *shared = open(daemon);
+    std::atomic<bool> over{false};
+    std::jthread reader([&] {
+        while (!over)
+            daemon.take(1);
+    });
+    {
+        std::vector<std::jthread> threads;
+        const auto repeat = [&](auto work) {
+            threads.emplace_back([work] {
+                for (int i = 0; i < 60; ++i)
+                    work();
+            });
+        };
+        for (int i = 0; i < 2; ++i) {
+            repeat([] {
+                void *handle = nullptr;
+                if (log_init("other", &handle, 8, 0, nullptr) == LOG_OK) {
+                    log_write(handle, 8, 0, "f", 1, "g", "x");
+                    log_term(handle);
+                }
+            });
+            repeat([] {
+                xmllib_init("rexec");
+                xmllib_load_config();
+                xmllib_unload_config();
+                xmllib_term();
+            });
+            repeat([shared] { EXPECT_NE(log_write(shared, 4, 0, "f", 1, "g", "x"), LOG_ERR_PARAMETER); });
+            repeat([&] {
+                if (shmlog_attach(nullptr, folder.path.c_str(), "") == SHMLOG_OK)
+                    shmlog_detach();
+                shmlog_setloginfo("mod", 4, 1, 0);
+            });
+        }
+    }
+    over = true;
+    reader.join();
+    log_term(shared);
+    EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    EXPECT_EQ(shmlog_delete(), SHMLOG_OK);
+}
+
+} // namespace

@@ -1,0 +1,44 @@
+// The log files of a tree, one for each name, each cut off at its size and kept in generations.
+#pragma once
+
+#include "log.h"
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <string_view>
+
+namespace rehearsal {
+
+struct LogSettings {
+    std::int64_t size = LOG_DEFAULT_SIZE; // bytes of a file, its header included
+    std::int32_t kept = 1;                // generations beside it: NAME.1 is the newest
+    std::string header{};                 // first line of each file, empty for none
+    std::filesystem::path directory{};
+};
+
+// No file stays open between two lines: one that is taken away or replaced by hand is made anew.
+class LogFiles {
+public:
+    // `directory` for names without settings of their own; it is made with the first line.
+    explicit LogFiles(std::filesystem::path directory) : directory_(std::move(directory)) {}
+
+    // Settings from here on. False when there are too many names.
+    bool set(const std::string &name, LogSettings settings);
+    void set_size(const std::string &name, std::int64_t size);
+    // Appends a line, with a newline at its end where it has none. A file that the line would take above the
+    // size becomes NAME.1 first; one line always has room. Throws std::system_error, also for what is no
+    // regular file.
+    void append(const std::string &name, std::string_view line);
+
+    std::filesystem::path path(const std::string &name) const;
+
+private:
+    LogSettings settings(const std::string &name) const;
+
+    std::filesystem::path directory_;
+    std::map<std::string, LogSettings> logs_{};
+};
+
+} // namespace rehearsal

@@ -1,0 +1,39 @@
+// What becomes of a record: log file, level table, or a word about where an event would go.
+#pragma once
+
+#include "eventc.h"
+#include "events/files.h"
+#include "events/table.h"
+
+#include <filesystem>
+#include <set>
+#include <string>
+
+namespace rehearsal {
+
+class Modules {
+public:
+    // `tree` is canonical.
+    explicit Modules(const std::filesystem::path &tree) : tree_(tree), files_(tree / "log"), table_(tree) {}
+
+    // Does what a record that passed read_record asks for and tells it in one line. Throws std::system_error
+    // when a file cannot be written.
+    std::string take(const EVENTC_LOG_INFO &record);
+
+    const LevelTable &table() const { return table_; }
+
+private:
+    std::string initialize(const EVENTC_LOG_INFO &record);
+    std::string terminate(const EVENTC_LOG_INFO &record);
+    std::string append(const EVENTC_LOG_INFO &record);
+    std::string change_level(const EVENTC_LOG_INFO &record);
+    std::string change_size(const EVENTC_LOG_INFO &record);
+    std::filesystem::path directory(const EVENTC_LOG_INIT &init, std::string &note) const;
+
+    std::filesystem::path tree_;
+    LogFiles files_;
+    LevelTable table_;
+    std::set<std::string> telling_{}; // logs whose start and end are told
+};
+
+} // namespace rehearsal

@@ -1,0 +1,72 @@
+// The three ways of records to the event daemon.
+#pragma once
+
+#include "listen.h"
+
+#include <asio/posix/stream_descriptor.hpp>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <thread>
+
+namespace rehearsal {
+
+// Takes the bytes that came by a transport, at most one more than a record has; `size` is how many there
+// were.
+using Sink = std::function<void(const char *transport, std::span<const std::byte> bytes, std::size_t size)>;
+
+std::filesystem::path local_socket(const std::filesystem::path &tree);
+// Whether a process reads a UNIX datagram socket.
+bool is_read(const std::filesystem::path &socket);
+
+// Non-blocking datagram sockets. Both throw std::system_error. The UNIX one takes the place of a socket that
+// nobody reads; the UDP one picks a free port for 0 and tells it in `port`.
+Descriptor bind_local(const std::filesystem::path &path);
+Descriptor bind_udp(std::uint16_t &port);
+
+// Hands over what comes to a socket, on the thread that runs `io`.
+class SocketReader {
+public:
+    SocketReader(asio::io_context &io, Descriptor socket, const char *transport, Sink sink);
+    // What waits right now, once no thread runs `io` any more.
+    void drain();
+
+private:
+    void wait();
+    bool read_one();
+
+    asio::posix::stream_descriptor socket_;
+    const char *transport_;
+    Sink sink_;
+};
+
+// Hands over what comes to the System V queue of a tree, on a thread of its own that blocks in it. The
+// system's queue holds some seven records: a burst of a sender that does not wait loses what finds no room.
+class QueueReader {
+public:
+    // Makes the queue, or takes one that is there. Throws std::system_error.
+    QueueReader(const std::filesystem::path &tree, Sink sink);
+    ~QueueReader(); // hands over what waits, and removes a queue that was made here
+    QueueReader(const QueueReader &) = delete;
+    QueueReader &operator=(const QueueReader &) = delete;
+
+    int id() const { return id_; }
+    bool made() const { return made_; }
+
+private:
+    void read_all();
+    bool read_one(int flags);
+
+    Sink sink_;
+    int id_ = -1;
+    bool made_ = false;
+    std::atomic<bool> ending_ = false;
+    std::thread thread_;
+};
+
+} // namespace rehearsal
