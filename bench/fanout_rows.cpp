@@ -111,6 +111,12 @@ std::vector<std::string> command(const Peer &peer, std::size_t width) {
             std::to_string(bench_timeout)};
 }
 
+std::vector<std::string> installed_command(const Peer &peer, std::size_t width) {
+    std::vector<std::string> words = command(peer, width);
+    words[0] = ZYN_INSTALLED;
+    return words;
+}
+
 std::vector<std::string> fanout(const Peer &peer, std::size_t width) {
     return {ZYN_FANOUT, std::to_string(width), std::to_string(peer.port())};
 }

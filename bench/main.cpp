@@ -39,6 +39,8 @@ void measure() {
     add_fanout_rows(rows, peer);
     std::fprintf(stderr, "Slow servers\n");
     add_waiting_rows(rows, peer);
+    std::fprintf(stderr, "Log\n");
+    add_log_rows(rows, peer);
     std::fprintf(stderr, "Single functions\n");
     add_micro_rows(rows);
     std::fprintf(stderr, "\n");

@@ -1,6 +1,7 @@
 // Single functions that every exchange calls many times, against the least that does their work.
 #include "rows.h"
 
+#include "log_bench.h"
 #include "store.h"
 
 #include "rexeccl/packet.h"
@@ -116,7 +117,8 @@ struct Micro {
     const char *other;
     void (*ours)(benchmark::State &);
     void (*bare)(benchmark::State &);
-    double limit = 0;
+    double limit = 0; // of the ratio
+    double bound = 0; // of the time, in ns
 };
 constexpr Micro micros[] = {
     {"a trace that nobody asked for", "empty call", closed_trace, closed_trace_bare},
@@ -124,6 +126,9 @@ constexpr Micro micros[] = {
     {"byte order of a header", "five htonl", header_conversion, header_conversion_bare},
     {"a value from the middle of 200 sections", "compiled XPath", query, query_xpath, 1 / 8.0},
     {"the same, against a walk under a lock", "bare walk", query, query_bare, 2},
+    {"a message to the event daemon", "bare sendto", log_kept, log_kept_bare, 1.5},
+    {"a message above the level, 256 types in the table", "call of nothing", log_suppressed,
+     closed_trace_bare, 0, 300},
     {"a value from the first section", "from the last one", query_first, query_last},
 };
 
@@ -156,13 +161,18 @@ void add_micro_rows(Rows &rows) {
     benchmark::Initialize(&count, arguments);
     Collector collector;
     benchmark::RunSpecifiedBenchmarks(&collector);
-    for (const Micro &micro : micros)
+    for (const Micro &micro : micros) {
+        const Samples &ours = collector.samples[micro.name];
         rows.push_back(row_of(Comparison{.name = micro.name,
                                          .unit = "ns",
                                          .other = micro.other,
-                                         .ours = collector.samples[micro.name],
+                                         .ours = ours,
                                          .others = collector.samples[micro.other],
                                          .limit = micro.limit}));
+        if (micro.bound > 0)
+            rows.back().target =
+                row_of(Bound{.name = "", .unit = "ns", .ours = ours, .limit = micro.bound}).target;
+    }
     const int allocations = query_allocations();
     rows.push_back({.name = "heap allocations of a value",
                     .ours = std::to_string(allocations),

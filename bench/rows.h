@@ -23,6 +23,7 @@ Run visit(Peer &peer, const std::vector<std::string> &words, std::size_t width,
           std::chrono::milliseconds delay = std::chrono::milliseconds{0});
 
 std::vector<std::string> command(const Peer &peer, std::size_t width);
+std::vector<std::string> installed_command(const Peer &peer, std::size_t width);
 std::vector<std::string> fanout(const Peer &peer, std::size_t width);
 std::vector<std::string> bare_client(const Peer &peer, std::size_t width);
 
@@ -42,4 +43,5 @@ void alternate(int rounds, First first, Second second) {
 void add_start_rows(Rows &rows, Peer &peer);   // the program's start, one request, one pass
 void add_fanout_rows(Rows &rows, Peer &peer);  // many servers at once
 void add_waiting_rows(Rows &rows, Peer &peer); // processor time and memory while servers are slow
+void add_log_rows(Rows &rows, Peer &peer);     // the log library and its daemon
 void add_micro_rows(Rows &rows);               // single functions
