@@ -2,6 +2,7 @@
 // files and the level table.
 #include "shmlog.h"
 #include "support/folder.h"
+#include "support/records.h"
 #include "support/rows.h"
 #include "support/run.h"
 
@@ -25,18 +26,12 @@ std::string unescape(std::string text) {
 }
 
 // The worked examples by name, with a 7 for each byte that differs from sender to sender.
-std::map<std::string, std::string> read_records() {
-    std::map<std::string, std::string> records;
-    std::ifstream file(ZYN_TEST_DATA "/records.txt");
-    for (std::string word, name; file >> word;)
-        if (word.front() == '#')
-            std::getline(file, word);
-        else if (word.back() == ':')
-            name = word.substr(0, word.find('-'));
-        else
-            records[name].append(word.size() > 2 ? std::stoul(word.substr(3)) : 1,
-                                 word.front() == '?' ? '7' : char(std::stoi(word.substr(0, 2), nullptr, 16)));
-    return records;
+std::map<std::string, std::string> read_examples() {
+    std::map<std::string, std::string> examples;
+    for (const auto &[name, bytes] : read_records())
+        for (const int byte : bytes)
+            examples[name] += byte == ANY_BYTE ? '7' : static_cast<char>(byte);
+    return examples;
 }
 
 struct Daemon {
@@ -91,7 +86,7 @@ struct Daemon {
         return std::regex_replace(told.substr(14 + by.size()), std::regex("^drill.[0-9:]+. "), "");
     }
 
-    const std::map<std::string, std::string> examples = read_records();
+    const std::map<std::string, std::string> examples = read_examples();
     Folder tree;
     int laid_out = run({ZYN_REHEARSE, "--install-tree", tree.path}).exit;
     Program program;

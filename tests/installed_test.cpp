@@ -1,10 +1,15 @@
 // The real command with an installation: the settings it takes, where they come from, and what makes it fall
 // back to standalone mode. It finds the installation by a link in the current directory.
 #include "support/folder.h"
+#include "support/log_tree.h"
 #include "support/rehearsal_peer.h"
 #include "support/run.h"
 
 #include <gtest/gtest.h>
+
+#include <algorithm>
+#include <set>
+#include <thread>
 
 namespace {
 
@@ -59,6 +64,45 @@ TEST(Installed, TakesItsSettingsFromTheTree) {
             EXPECT_NE(seen.find(text), seen.npos) << row[0] << ": " << text << "\n" << seen;
     }
     unsetenv("ZYN_TEST_CALLS");
+}
+
+// What the event daemon receives of a run: the start, the lines of the user log as far as the level lets
+// them through, the end.
+TEST_F(LogTree, RecordsOfARunReachTheDaemon) {
+    const Peer peer;
+    for (const char *directory : {"bin", "etc/policy"})
+        std::filesystem::create_directories(directory);
+    for (const char *type : {"trnsv", "rexec"})
+        folder.write(std::string("etc/policy/") + type + ".pol", "<root/>");
+    configure("<rexec><log><level>2</level><size>5000</size></log></rexec>");
+    const Receiver daemon(folder / "tmp/sockevent");
+    std::vector<EVENTC_LOG_INFO> records;
+    std::jthread reader([&] {
+        while (records.empty() || from_network(records.back().dest) != EVENTC_REQ_TERMINATE)
+            records.push_back(daemon.take(10000));
+    });
+    const Finished finished = run({ZYN_INSTALLED, "--script", "run.sh", "-p", std::to_string(peer.port()),
+                                   "-o", folder / "log", "-h", "127.0.0.1,127.0.0.99"});
+    EXPECT_EQ(finished.exit, 0);
+    reader.join();
+    ASSERT_GT(records.size(), 4U);
+    EXPECT_EQ(from_network(records[0].dest), EVENTC_REQ_INITIALIZE);
+    EXPECT_EQ(from_network(records[0].destinfo.init.loglevel), 2);
+    EXPECT_EQ(from_network(records[0].destinfo.init.logsize), 5000);
+    EXPECT_STREQ(records[1].type, "uptime");
+    std::multiset<std::string> sent, wanted;
+    for (std::size_t i = 2; i + 1 < records.size(); ++i) {
+        EXPECT_EQ(from_network(records[i].dest), EVENTC_REQ_LOCAL);
+        EXPECT_STREQ(records[i].type, "rexec");
+        const std::string line = records[i].destinfo.local.msg;
+        sent.insert(line.substr(0, 2) + line.substr(line.find(']') + 1 + 16 + 1 + 15 + 1));
+    }
+    for (const std::string &line : split(read_file(folder / "log")))
+        if (line.starts_with("E ") || line.starts_with("W "))
+            wanted.insert(line.substr(0, 2) + line.substr(line.find(']') + 1 + 5 + 1 + 10 + 1 + 16 + 2) +
+                          "\n");
+    EXPECT_GT(wanted.size(), 2U);
+    EXPECT_TRUE(std::includes(sent.begin(), sent.end(), wanted.begin(), wanted.end()));
 }
 
 } // namespace

@@ -4,6 +4,7 @@
 #include "log_local.h"
 #include "shmlog.h"
 #include "support/log_tree.h"
+#include "support/records.h"
 #include "support/rows.h"
 #include "xmllib.h"
 
@@ -80,6 +81,33 @@ TEST_F(Log, HandleIsAnnouncedAndEnded) {
     EXPECT_EQ(from_network(term.dest), EVENTC_REQ_TERMINATE);
     EXPECT_STREQ(term.type, "rexec");
     EXPECT_EQ(daemon.take().magicno[0], '\0');
+}
+
+// Every record of a handle's life, over each socket, against the worked examples.
+TEST_F(Log, RecordsAreTheExamples) {
+    const auto examples = read_records();
+    folder.write("messages/drill.msg.us", "ID = 12\nSEND = alert\nMSG = %d servers answered\n");
+    const Receiver local(socket_path()), udp;
+    for (const Receiver *daemon : {&local, &udp}) {
+        configure("<cluster><event><method>" + std::string(daemon == &udp ? "1" : "0") + "</method><port>" +
+                  std::to_string(udp.port) + "</port></event></cluster>");
+        void *handle = nullptr;
+        ASSERT_EQ(log_init("drill", &handle, 4, 1000000, nullptr), LOG_OK);
+        EXPECT_EQ(log_write(handle, 4, 0, "src/drill.cpp", 42, "run_drill", "%d servers answered", 3),
+                  LOG_OK);
+        EXPECT_EQ(log_write(handle, LOG_LEVEL_EVENT, 12, nullptr, 0, nullptr, "%d", 3), LOG_OK);
+        EXPECT_EQ(log_term(handle), LOG_OK);
+        for (const char *name : {"initialize", "uptime", "local", "alert", "terminate"}) {
+            const EVENTC_LOG_INFO record = daemon->take(10000);
+            if (std::strcmp(name, "uptime") == 0)
+                continue;
+            const auto *bytes = reinterpret_cast<const unsigned char *>(&record);
+            const std::vector<int> &example = examples.at(name);
+            ASSERT_EQ(example.size(), sizeof(record)) << name;
+            for (std::size_t at = 0; at < sizeof(record); ++at)
+                ASSERT_TRUE(example[at] == ANY_BYTE || example[at] == bytes[at]) << name << " at " << at;
+        }
+    }
 }
 
 // Each transport carries the same records; the queue's are messages of type 1.
