@@ -10,6 +10,7 @@
 #include "log.h"
 #include "trace.h"
 #include "xmlin/file.h"
+#include "xmlin/parse.h"
 #include "xmlin/query.h"
 
 #include <algorithm>

@@ -1,22 +1,15 @@
 // The files of the configuration store.
 #include "xmlin/file.h"
 
-#include "cancel.h"
 #include "trace.h"
+#include "xmlin/parse.h"
 #include "xmllib.h"
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <memory>
 
-#include <fcntl.h>
-#include <libxml/SAX2.h>
-#include <libxml/parser.h>
-#include <libxml/parserInternals.h>
-#include <libxml/xmlerror.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -38,84 +31,11 @@ std::array<char[XML_PATH_SIZE], 6> _policypath;
 
 namespace {
 
-constexpr int parse_attempts = 3;
-constexpr unsigned attempt_gap = 1;             // seconds
-constexpr off_t file_size_max = off_t{4} << 20; // bytes; a parsed document takes up to 35 times its file
+constexpr int settle_attempts = 3; // to parse a file that does not change meanwhile
 
 constexpr auto policy_directories = std::to_array<const char *>(
     {"", "resource/", "monitor/", "heartbeat/", "networkpartition/", "forcestop/"});
 static_assert(policy_directories.size() == std::tuple_size_v<decltype(_policypath)>);
-
-struct FreeDoc {
-    void operator()(xmlDoc *doc) const { xmlFreeDoc(doc); }
-};
-using Document = std::unique_ptr<xmlDoc, FreeDoc>;
-
-class Descriptor {
-public:
-    explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() {
-        const CancelDisabled in_destructor;
-        if (fd_ != -1)
-            close(fd_);
-    }
-    Descriptor(const Descriptor &) = delete;
-    Descriptor &operator=(const Descriptor &) = delete;
-    int get() const { return fd_; }
-
-private:
-    int fd_;
-};
-
-// Only a file of a sane size is read: a FIFO in its place would be waited for without end.
-bool is_readable(int fd) {
-    struct stat status = {};
-    if (fd == -1 || fstat(fd, &status) != 0)
-        return false;
-    errno = S_ISREG(status.st_mode) ? EFBIG : EINVAL;
-    return S_ISREG(status.st_mode) && status.st_size <= file_size_max;
-}
-
-struct FreeContext {
-    void operator()(xmlParserCtxt *context) const { xmlFreeParserCtxt(context); }
-};
-using Context = std::unique_ptr<xmlParserCtxt, FreeContext>;
-
-// Parameter entities have no use in a configuration, and libxml2 may never come back from those that
-// contain each other.
-void declare_entity(void *parser, const xmlChar *name, int type, const xmlChar *public_id,
-                    const xmlChar *system_id, xmlChar *content) {
-    if (type != XML_INTERNAL_PARAMETER_ENTITY && type != XML_EXTERNAL_PARAMETER_ENTITY) {
-        xmlSAX2EntityDecl(parser, name, type, public_id, system_id, content);
-        return;
-    }
-    auto *context = static_cast<xmlParserCtxt *>(parser);
-    err_handler(nullptr, "parameter entity %%%s is refused", reinterpret_cast<const char *>(name));
-    context->wellFormed = 0;
-    xmlStopParser(context);
-}
-
-// Nothing outside the file is fetched and no entity is expanded beyond what libxml2 allows by itself. A parse
-// that broke off for want of memory leaves a tree behind that looks whole, and is none.
-Document parse(int fd, const char *file) {
-    xmlSetGenericErrorFunc(nullptr, err_handler); // per thread
-    const Context context(xmlNewParserCtxt());
-    if (context == nullptr)
-        return nullptr;
-    context->sax->entityDecl = declare_entity;
-    Document doc(xmlCtxtReadFd(context.get(), fd, file, nullptr, XML_PARSE_NONET));
-    const bool broke_off = context->errNo == XML_ERR_NO_MEMORY || context->disableSAX != 0;
-    return broke_off ? nullptr : std::move(doc);
-}
-
-Document parse_once(const char *file) {
-    const Descriptor fd(open(file, O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-    if (!is_readable(fd.get())) {
-        err_handler(nullptr, "%s: %s", file, std::strerror(errno));
-        return nullptr;
-    }
-    return parse(fd.get(), file);
-}
 
 // Whether the directory of the cluster configuration exists: without it there is no file that could be in
 // the middle of being rewritten, and a host without an installation must start at once.
@@ -128,17 +48,8 @@ bool have_conf_directory() {
     return stat(directory, &status) == 0 ? S_ISDIR(status.st_mode) : errno != ENOENT && errno != ENOTDIR;
 }
 
-// Tries again a second later, for a file that is being rewritten at this moment.
-Document parse_file(const char *file) {
-    const bool repeat = file != _xml_confpath || have_conf_directory();
-    for (int attempt = 0; attempt < (repeat ? parse_attempts : 1); ++attempt) {
-        if (Document doc = parse_once(file); doc != nullptr)
-            return doc;
-        for (unsigned left = repeat ? attempt_gap : 0; left > 0;)
-            left = sleep(left);
-    }
-    XMLIN_TRACE(1, "xmlParseFile(%s) failed.", file);
-    return nullptr;
+Document parse_conf() {
+    return parse_file(_xml_confpath, have_conf_directory());
 }
 
 bool read_status(const char *file, struct stat *status) {
@@ -163,10 +74,10 @@ struct Configuration {
 
 Configuration parse_default(const char *label) {
     Configuration result = {nullptr, {}, XMLLIB_OK};
-    for (int attempt = 0; attempt < parse_attempts; ++attempt) {
+    for (int attempt = 0; attempt < settle_attempts; ++attempt) {
         struct stat before = {};
         const bool known = stat(_xml_confpath, &before) == 0;
-        result.doc = parse_file(_xml_confpath);
+        result.doc = parse_conf();
         if (result.doc == nullptr)
             return {nullptr, {}, XMLLIB_ERR_INVALIDPATH};
         if (result.doc->children == nullptr) {
@@ -214,7 +125,7 @@ int load_new_policy(const char *type, const char *charset) {
         XMLIN_TRACE(1, "\"%s\" policy file does not exist.", type);
         return XMLLIB_ERR_NOTEXIST;
     }
-    Document doc = parse_file(file);
+    Document doc = parse_file(file, true);
     if (doc == nullptr)
         return XMLLIB_ERR_DOCUMENT;
     if (doc->children == nullptr) {
@@ -289,7 +200,7 @@ int load_default(ZYNXML_XMLDOC **handle) {
 
 int load_path(const char *path, ZYNXML_XMLDOC **handle) {
     XMLIN_TRACE(8, "\"%s\" config loading...", path);
-    Document doc = parse_file(path);
+    Document doc = parse_file(path, true);
     if (doc == nullptr)
         return XMLLIB_ERR_INVALIDPATH;
     if (doc->children == nullptr) {
@@ -482,17 +393,4 @@ int set_current(ZYNXML_XMLDOC *handle) {
     }
     XMLIN_EXIT();
     return chosen != nullptr ? static_cast<int>(XMLLIB_OK) : static_cast<int>(XMLLIB_ERR_NOTLOAD);
-}
-
-void err_handler(void *, const char *format, ...) {
-    if (!trace_is_open())
-        return;
-    XML_ENTER();
-    char message[1024];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(message, sizeof(message), format, arguments);
-    va_end(arguments);
-    XML_TRACE(1, "xmlerr=\"%s\".", message);
-    XML_WRITE(trace, 16, "src/xml", __LINE__, __func__, "<= %s() end", __func__);
 }

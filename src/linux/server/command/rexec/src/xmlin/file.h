@@ -43,6 +43,3 @@ int reload_config();
 
 // Makes a configuration the one that queries consult first; null for the cluster configuration.
 int set_current(ZYNXML_XMLDOC *handle);
-
-// What libxml2 has to say goes to the store's trace, from whatever thread it parses in.
-void err_handler(void *context, const char *format, ...) __attribute__((format(printf, 2, 3)));
