@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -90,6 +91,9 @@ TEST_F(LogTree, RecordsOfARunReachTheDaemon) {
     EXPECT_EQ(from_network(records[0].destinfo.init.loglevel), 2);
     EXPECT_EQ(from_network(records[0].destinfo.init.logsize), 5000);
     EXPECT_STREQ(records[1].type, "uptime");
+    // Level, source and its line, function and text of a line in either form.
+    const std::regex record_line("^(.) [^\\]]*\\]([a-z]*):([0-9]*) * (.{15}) "),
+        user_line("^(.) [^\\]]*\\]([0-9]*):([a-z]*) * (.{15}).  ");
     std::multiset<std::string> sent, wanted;
     for (std::size_t i = 2; i + 1 < records.size(); ++i) {
         EXPECT_EQ(from_network(records[i].dest), EVENTC_REQ_LOCAL);

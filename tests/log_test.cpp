@@ -1,6 +1,7 @@
 // The log library against sockets and a queue in place of the event daemon.
-#include "cancel.h"
+#include "keyfile.h"
 #include "log.h"
+#include "log/line.h"
 #include "log_local.h"
 #include "shmlog.h"
 #include "support/log_tree.h"
@@ -9,15 +10,20 @@
 #include "xmllib.h"
 
 #include <chrono>
+#include <map>
+#include <new>
 #include <regex>
 #include <thread>
+#include <tuple>
 
 #include <sys/msg.h>
 #include <sys/shm.h>
+#include <sys/wait.h>
 
 namespace {
 
 std::atomic<int> allocations{0};
+int fail_new_after = -1; // the allocation by new that fails, counted from now; none below 0
 
 } // namespace
 
@@ -30,7 +36,13 @@ void *__wrap_malloc(std::size_t size) {
 void *__real__Znwm(std::size_t size); // operator new
 void *__wrap__Znwm(std::size_t size) {
     ++allocations;
+    if (fail_new_after >= 0 && fail_new_after-- == 0)
+        throw std::bad_alloc();
     return __real__Znwm(size);
+}
+void *__real__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t &tag);
+void *__wrap__ZnwmRKSt9nothrow_t(std::size_t size, const std::nothrow_t &tag) {
+    return fail_new_after >= 0 && fail_new_after-- == 0 ? nullptr : __real__ZnwmRKSt9nothrow_t(size, tag);
 }
 }
 
@@ -146,6 +158,13 @@ TEST_F(Log, TransportIsChosenByTheConfiguration) {
     EXPECT_EQ(log_write(handle, 1, 0, "f", 1, "g", "x"), LOG_ERR_DAEMON);
     EXPECT_FALSE(std::filesystem::exists(folder / "tmp/log_msg"));
     EXPECT_EQ(log_term(handle), LOG_ERR_DAEMON);
+    // One that may be waited for is given up, too, and taken up again.
+    configure("<cluster><event><method>2</method><msq><opt>0</opt></msq></event></cluster>");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_DAEMON);
+    while (msgrcv(queue, &message, sizeof(message.info), 0, IPC_NOWAIT) > 0) {
+    }
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_OK);
+    log_term(handle);
     msgctl(queue, IPC_RMID, nullptr);
 }
 
@@ -221,6 +240,106 @@ TEST_F(Log, LevelsAndTheSharedTable) {
     const int small = shmget(ftok((folder / "work/ipc/event.key").c_str(), 101), 100, IPC_CREAT | 0600);
     EXPECT_EQ(shmlog_attach(nullptr, folder.path.c_str(), ""), SHMLOG_ERR_GET) << "of another size";
     shmctl(small, IPC_RMID, nullptr);
+}
+
+// The two forms of performance logs, and any other kind, which has none.
+TEST_F(Log, SpecialLines) {
+    LOGLIB_OBJ handle;
+    EVENTC_LOG_INFO record;
+    for (const auto &[kind, text, wanted] : std::vector<std::tuple<int, std::string, std::string>>{
+             {3, "a,b", "\"[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9:.]{12}\",a,b\n"},
+             {0x40003, "a", "\"[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9:.]{12}\",a\n"},
+             {7, "a", "[0-9/]{8} [0-9:.]{12}\\[[0-9]{5,}\\] a\n"},
+             {0x10003, std::string(700, 'x'), "\"[^\"]{23}\",x{484}\n"},
+             {5, "a", ""}}) {
+        handle.logtype = kind;
+        log_cre_record(&record, EVENTC_REQ_LOCAL, "mod");
+        log_cre_localmsg_ex(&handle, &record, text.c_str());
+        EXPECT_TRUE(std::regex_match(record.destinfo.local.msg, std::regex(wanted)))
+            << record.destinfo.local.msg;
+    }
+}
+
+TEST_F(Log, AllLoggingMayBeOff) {
+    const Receiver daemon(socket_path());
+    configure("<event><nolog>1</nolog></event>");
+    void *handle = open(daemon);
+    EXPECT_EQ(log_write(handle, 1, 0, "f", 1, "g", "x"), LOG_OK);
+    EXPECT_EQ(log_write(nullptr, 1, 0, "f", 1, "g", "x"), LOG_OK);
+    EXPECT_EQ(daemon.take().magicno[0], '\0');
+    log_term(handle);
+}
+
+// A link that somebody else has planted where a key file or its directory belongs is not followed.
+TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
+    key_t key = 0;
+    const KeyFile file = {"work/ipc", 0755, "x.key", 0644, 99};
+    EXPECT_EQ(make_key(file, &key), KeyStep::done);
+    EXPECT_EQ(key, ftok("work/ipc/x.key", 99));
+    std::filesystem::rename("work/ipc/x.key", "elsewhere");
+    std::filesystem::create_symlink("../../elsewhere", "work/ipc/x.key");
+    key_t linked = 0;
+    EXPECT_EQ(make_key(file, &linked), KeyStep::done) << "the caller's own";
+    EXPECT_EQ(linked, key);
+    if (lchown("work/ipc/x.key", 65534, 65534) != 0)
+        GTEST_SKIP() << "only root can give a link to another user";
+    EXPECT_EQ(make_key(file, &key), KeyStep::file);
+    std::filesystem::rename("work/ipc", "work/moved");
+    std::filesystem::create_directory_symlink("moved", "work/ipc");
+    EXPECT_EQ(lchown("work/ipc", 65534, 65534), 0);
+    EXPECT_EQ(make_key(file, &key), KeyStep::directory);
+}
+
+// A process and its forked child write at the same time, each under its own ids; the child ends its handle
+// although other threads were reading the level table when it was forked.
+TEST_F(Log, ForkedChildWritesToo) {
+    const Receiver daemon(socket_path());
+    ASSERT_EQ(shmlog_create(nullptr, folder.path.c_str(), ""), SHMLOG_OK);
+    void *handle = open(daemon);
+    std::atomic<bool> over{false};
+    std::jthread looking([&] {
+        std::int32_t level = 0, size = 0, logtype = 0;
+        while (!over)
+            shmlog_getloginfo("mod", &level, &size, &logtype);
+    });
+    for (int i = 0; i < 20; ++i) {
+        const pid_t child = fork();
+        if (child == 0) {
+            const bool good = log_write(handle, 1, 0, "f", 1, "g", "x") == LOG_OK &&
+                              log_term(handle) == LOG_OK && shmlog_detach() == SHMLOG_OK;
+            _exit(good ? 0 : 1);
+        }
+        EXPECT_EQ(log_write(handle, 1, 0, "f", 1, "g", "x"), LOG_OK);
+        std::map<int, int> records;
+        for (int j = 0; j < 3; ++j)
+            ++records[from_network(daemon.take(10000).pid)];
+        EXPECT_EQ(records, (std::map<int, int>{{getpid(), 1}, {child, 2}}));
+        int status = 0;
+        EXPECT_EQ(waitpid(child, &status, 0), child);
+        EXPECT_EQ(status, 0);
+    }
+    over = true;
+    looking.join();
+    log_term(handle);
+    EXPECT_EQ(shmlog_delete(), SHMLOG_OK);
+}
+
+// Each allocation of an opening fails once: a code, no handle, and nothing held.
+TEST_F(Log, OpeningSurvivesShortages) {
+    const Receiver daemon(socket_path());
+    int failed = 0;
+    for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
+        void *handle = &allocations;
+        fail_new_after = failed;
+        ret = log_init("mod", &handle, 4, 0, nullptr);
+        fail_new_after = -1;
+        EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
+        EXPECT_EQ(handle == nullptr, ret != LOG_OK);
+        if (ret == LOG_OK)
+            log_term(handle);
+        EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    }
+    EXPECT_GT(failed, 1);
 }
 
 TEST_F(Log, ConfigurationThatCannotBeRead) {

@@ -24,20 +24,18 @@ struct Message {
     std::array<std::byte, EVENTC_RECORD_LEN + 1> bytes;
 };
 
-key_t make_key(const std::filesystem::path &tree) {
-    const std::filesystem::path file = tree / "work/ipc/msgq.key";
+key_t find_key(const std::filesystem::path &tree) {
+    const std::filesystem::path directory = tree / "work/ipc";
     key_t key = -1;
-    if (make_key_directory(file.parent_path().c_str(), 0755) == 0 && make_key_file(file.c_str(), 0644) == 0)
-        key = ::ftok(file.c_str(), queue_project);
-    if (key == -1)
-        throw std::system_error(errno, std::generic_category(), "cannot make a key from " + file.string());
+    if (make_key({directory.c_str(), 0755, "msgq.key", 0644, queue_project}, &key) != KeyStep::done)
+        throw std::system_error(errno, std::generic_category(), "cannot make a key in " + directory.string());
     return key;
 }
 
 } // namespace
 
 QueueReader::QueueReader(const std::filesystem::path &tree, Sink sink) : sink_(std::move(sink)) {
-    const key_t key = make_key(tree);
+    const key_t key = find_key(tree);
     id_ = ::msgget(key, IPC_CREAT | IPC_EXCL | queue_mode);
     made_ = id_ != -1;
     if (!made_ && errno == EEXIST)

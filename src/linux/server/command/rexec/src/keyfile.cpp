@@ -1,5 +1,7 @@
 #include "keyfile.h"
 
+#include "cancel.h"
+
 #include <cerrno>
 
 #include <fcntl.h>
@@ -8,39 +10,64 @@
 
 namespace {
 
-// Whether what lies at `path` is of a type and no link of somebody else.
-int check(const char *path, mode_t type) {
-    struct stat status = {};
-    if (lstat(path, &status) != 0)
-        return -1;
-    if (S_ISLNK(status.st_mode)) {
-        if (status.st_uid != 0 && status.st_uid != geteuid()) {
-            errno = ELOOP;
-            return -1;
-        }
-        if (stat(path, &status) != 0)
-            return -1;
+// A file or directory held open, so that what has been looked at is what is used.
+class Held {
+public:
+    Held(int directory, const char *name, mode_t type)
+        : fd_(openat(directory, name, O_PATH | O_NOFOLLOW | O_CLOEXEC)) {
+        if (fd_ != -1 && is_type(S_IFLNK) && may_follow())
+            reopen(directory, name);
+        if (fd_ != -1 && !is_type(type))
+            fail(S_ISLNK(status_.st_mode) ? ELOOP : type == S_IFDIR ? ENOTDIR : EINVAL);
     }
-    if ((status.st_mode & S_IFMT) != type) {
-        errno = type == S_IFDIR ? ENOTDIR : EINVAL;
-        return -1;
+    ~Held() { fail(errno); }
+    Held(const Held &) = delete;
+    Held &operator=(const Held &) = delete;
+
+    int get() const { return fd_; }
+    const struct stat &status() const { return status_; }
+
+private:
+    bool is_type(mode_t type) { return fstat(fd_, &status_) == 0 && (status_.st_mode & S_IFMT) == type; }
+    bool may_follow() const { return status_.st_uid == 0 || status_.st_uid == geteuid(); }
+    void reopen(int directory, const char *name) {
+        fail(0);
+        fd_ = openat(directory, name, O_PATH | O_CLOEXEC);
     }
-    return 0;
+    void fail(int error) {
+        const CancelDisabled in_destructor;
+        if (fd_ != -1)
+            close(fd_);
+        fd_ = -1;
+        errno = error;
+    }
+
+    int fd_;
+    struct stat status_ = {};
+};
+
+bool make_file(int directory, const KeyFile &file) {
+    const int fd = openat(directory, file.name, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, file.mode);
+    if (fd != -1)
+        close(fd);
+    return fd != -1 || errno == EEXIST;
 }
 
 } // namespace
 
-int make_key_directory(const char *path, mode_t mode) {
-    if (mkdir(path, mode) != 0 && errno != EEXIST)
-        return -1;
-    return check(path, S_IFDIR);
-}
-
-int make_key_file(const char *path, mode_t mode) {
-    const int fd = open(path, O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode);
-    if (fd == -1 && errno != EEXIST)
-        return -1;
-    if (fd != -1)
-        close(fd);
-    return check(path, S_IFREG);
+KeyStep make_key(const KeyFile &file, key_t *key) {
+    if (mkdir(file.directory, file.directory_mode) != 0 && errno != EEXIST)
+        return KeyStep::directory;
+    const Held directory(AT_FDCWD, file.directory, S_IFDIR);
+    if (directory.get() == -1)
+        return KeyStep::directory;
+    if (!make_file(directory.get(), file))
+        return KeyStep::file;
+    const Held held(directory.get(), file.name, S_IFREG);
+    if (held.get() == -1)
+        return KeyStep::file;
+    // What ftok(3) makes of a path: 16 bits of the inode, 8 of the device, 8 of the project.
+    *key = static_cast<key_t>((held.status().st_ino & 0xffff) | (held.status().st_dev & 0xff) << 16 |
+                              static_cast<unsigned>(file.project & 0xff) << 24);
+    return *key != -1 ? KeyStep::done : KeyStep::key;
 }

@@ -1,11 +1,22 @@
-// Files that System V keys are made from.
+// Keys of System V objects, made from files that exist for this alone.
 //
-// They may lie where others can write, and what is made here belongs to who runs this: a symbolic link is
-// followed only where root or the caller has made it.
+// The files may lie where others can write, and what is made here belongs to who runs this: a symbolic link
+// is followed only where root or the caller has made it.
 #pragma once
 
+#include <sys/ipc.h>
 #include <sys/types.h>
 
-// Make the directory (one level) or the empty file where it does not exist. Return 0, or -1 with errno.
-int make_key_directory(const char *path, mode_t mode);
-int make_key_file(const char *path, mode_t mode);
+struct KeyFile {
+    const char *directory;
+    mode_t directory_mode;
+    const char *name;
+    mode_t mode;
+    int project; // as of ftok(3)
+};
+
+enum class KeyStep { directory, file, key, done };
+
+// Makes the directory (one level) and the empty file where they do not exist, and the key that ftok(3) makes
+// from the file. Returns KeyStep::done with *key set, or the step that failed, with errno.
+KeyStep make_key(const KeyFile &file, key_t *key);

@@ -68,17 +68,22 @@ std::int32_t open_handle(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t 
         LOG_DEBUG("socket err:%d", ret);
         return ret;
     }
-    if (!announce(plogobj, plogobj->modtype, plogobj->level, plogobj->size, 1)) {
-        log_close_sock(plogobj);
-        return LOG_ERR_DAEMON;
-    }
-    return LOG_OK;
+    return announce(plogobj, plogobj->modtype, plogobj->level, plogobj->size, 1) ? LOG_OK : LOG_ERR_DAEMON;
 }
+
+// A handle that did not come to be gives its socket back.
+struct CloseHandle {
+    void operator()(LOGLIB_OBJ *plogobj) const {
+        log_close_sock(plogobj);
+        delete plogobj;
+    }
+};
+using Handle = std::unique_ptr<LOGLIB_OBJ, CloseHandle>;
 
 std::int32_t create_handle(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                            const char *path) {
     *pphandle = nullptr;
-    std::unique_ptr<LOGLIB_OBJ> plogobj(new (std::nothrow) LOGLIB_OBJ);
+    Handle plogobj(new (std::nothrow) LOGLIB_OBJ);
     if (plogobj == nullptr) {
         LOG_DEBUG("malloc err plogobj:%p", static_cast<void *>(nullptr));
         return LOG_ERR_MEMORY;
@@ -173,7 +178,12 @@ std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, 
     }
     const CancelDisabled whole;
     const std::lock_guard lock(loglibmutex);
-    return create_handle(modtype, pphandle, level, size, path);
+    try {
+        return create_handle(modtype, pphandle, level, size, path);
+    } catch (const std::bad_alloc &) {
+        LOG_DEBUG("malloc err plogobj:%p", static_cast<void *>(nullptr));
+        return LOG_ERR_MEMORY;
+    }
 }
 
 std::int32_t log_write(void *phandle, std::int32_t level, std::int32_t eid, const char *filename,
@@ -200,13 +210,12 @@ std::int32_t log_term(void *phandle) {
     }
     const CancelDisabled whole;
     const std::lock_guard lock(loglibmutex);
-    const std::unique_ptr<LOGLIB_OBJ> ended(plogobj);
+    const Handle ended(plogobj);
     if (plogobj->attached)
         shmlog_detach();
     EVENTC_LOG_INFO record;
     log_cre_record(&record, EVENTC_REQ_TERMINATE, plogobj->modtype);
     const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    log_close_sock(plogobj);
     if (ret == EVENTC_RECORD_LEN)
         return LOG_OK;
     LOG_DEBUG("sendto err:%d", ret);

@@ -10,12 +10,10 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
-#include <string>
 #include <string_view>
 
 #include <pthread.h>
 #include <sched.h>
-#include <sys/ipc.h>
 #include <sys/shm.h>
 
 namespace {
@@ -47,17 +45,18 @@ void shmlog(std::int32_t level, const char *file, std::int32_t line, const char 
     writing = false;
 }
 
-#define SHMLOG(level, ...)                                                                                   \
+#define SHMLOG_IN(function, level, ...)                                                                      \
     (phshmlog.load(std::memory_order_relaxed) != nullptr                                                     \
-         ? shmlog((level), "src/shmlog", __LINE__, __func__, __VA_ARGS__)                                    \
+         ? shmlog((level), "src/shmlog", __LINE__, (function), __VA_ARGS__)                                  \
          : void())
+#define SHMLOG(level, ...) SHMLOG_IN(__func__, level, __VA_ARGS__)
 
 // Notes entry and exit of a function around its work.
 template <typename Work>
-std::int32_t noted(Work work) {
-    SHMLOG(8, "<<< ENTER >>>");
+std::int32_t noted(const char *function, Work work) {
+    SHMLOG_IN(function, 8, "<<< ENTER >>>");
     const std::int32_t ret = work();
-    SHMLOG(8, "<<< EXIT >>> : 0x%08lx", static_cast<unsigned long>(ret));
+    SHMLOG_IN(function, 8, "<<< EXIT >>> : 0x%08lx", static_cast<unsigned long>(ret));
     return ret;
 }
 
@@ -68,8 +67,15 @@ struct alignas(64) Readers {
 };
 std::array<Readers, 8> readers;
 
+// A forked child has none of the threads that were counted.
+void forget_readers() {
+    for (Readers &some : readers)
+        some.count = 0;
+}
+
 Readers &own_readers() {
     static std::atomic<unsigned> threads{0};
+    static const int registered [[maybe_unused]] = pthread_atfork(nullptr, nullptr, forget_readers);
     static thread_local Readers &own = readers[threads++ % readers.size()];
     return own;
 }
@@ -124,19 +130,19 @@ shm_log_info *find(shm_log *at, std::string_view type) {
     return found != end ? found : nullptr;
 }
 
-std::int32_t make_key(const char *instpath, key_t *key) {
-    const std::string dir = std::string(instpath) + "/work/ipc";
-    const std::string file = dir + "/event.key";
-    if (make_key_directory(dir.c_str(), 0755) != 0 || make_key_file(file.c_str(), 0644) != 0) {
-        SHMLOG(1, "shmlog_createkeyf(%s,%s) failed(ret:%d)", dir.c_str(), "event.key", errno);
-        return SHMLOG_ERR_KEYFILE;
-    }
-    *key = ftok(file.c_str(), table_project);
-    if (*key == -1) {
-        SHMLOG(1, "ftok() failed(errno:%d)", errno);
+std::int32_t find_key(const char *instpath, key_t *key) {
+    char dir[1024 + sizeof("/work/ipc")];
+    std::snprintf(dir, sizeof(dir), "%s/work/ipc", instpath);
+    const KeyStep step = make_key({dir, 0755, "event.key", 0644, table_project}, key);
+    if (step == KeyStep::done)
+        return SHMLOG_OK;
+    const int error = errno;
+    if (step == KeyStep::key) {
+        SHMLOG(1, "ftok() failed(errno:%d)", error);
         return SHMLOG_ERR_KEY;
     }
-    return SHMLOG_OK;
+    SHMLOG(1, "shmlog_createkeyf(%s,%s) failed(ret:%d)", dir, "event.key", error);
+    return SHMLOG_ERR_KEYFILE;
 }
 
 std::int32_t map_table(int id) {
@@ -163,7 +169,7 @@ bool count_user() {
 
 std::int32_t attach(const char *instpath) {
     key_t key = 0;
-    if (const std::int32_t ret = make_key(instpath, &key); ret != SHMLOG_OK)
+    if (const std::int32_t ret = find_key(instpath, &key); ret != SHMLOG_OK)
         return ret;
     // The system refuses a segment that is smaller.
     const int id = shmget(key, sizeof(shm_log), table_mode);
@@ -176,12 +182,12 @@ std::int32_t attach(const char *instpath) {
 
 std::int32_t create(const char *instpath) {
     key_t key = 0;
-    if (const std::int32_t ret = make_key(instpath, &key); ret != SHMLOG_OK)
+    if (const std::int32_t ret = find_key(instpath, &key); ret != SHMLOG_OK)
         return ret;
     const int id = shmget(key, sizeof(shm_log), IPC_CREAT | IPC_EXCL | table_mode);
     if (id == -1) {
         const int error = errno;
-        SHMLOG(2, "shmget(create) failed(errno:%d)", error);
+        SHMLOG(error == EEXIST ? 2 : 1, "shmget(create) failed(errno:%d)", error);
         return error == EEXIST ? attach(instpath) : static_cast<std::int32_t>(SHMLOG_ERR_GET);
     }
     if (const std::int32_t ret = map_table(id); ret != SHMLOG_OK) {
@@ -252,14 +258,15 @@ std::int32_t invalid_parameter() {
 
 // Attaches or creates under the mutex, unless the table is there.
 template <typename Open>
-std::int32_t open_table(void *hlog, const char *instpath, Open open) {
+std::int32_t open_table(const char *function, void *hlog, const char *instpath, Open open) {
     const Lock lock;
     if (!lock.taken())
         return SHMLOG_ERR_LOCK;
     phshmlog = hlog;
     if (instpath == nullptr)
         return invalid_parameter();
-    return noted([&] { return count_user() ? static_cast<std::int32_t>(SHMLOG_OK) : open(instpath); });
+    return noted(function,
+                 [&] { return count_user() ? static_cast<std::int32_t>(SHMLOG_OK) : open(instpath); });
 }
 
 std::int32_t unmap_last() {
@@ -272,7 +279,6 @@ std::int32_t unmap_last() {
         while (some.count != 0) // each looks for a microsecond
             sched_yield();
     shmdt(at);
-    phshmlog = nullptr;
     return SHMLOG_OK;
 }
 
@@ -287,25 +293,25 @@ void shmlog_unlock() {
 }
 
 std::int32_t shmlog_attach(void *hlog, const char *instpath, const char *) {
-    return open_table(hlog, instpath, attach);
+    return open_table(__func__, hlog, instpath, attach);
 }
 
 std::int32_t shmlog_create(void *hlog, const char *instpath, const char *) {
-    return open_table(hlog, instpath, create);
+    return open_table(__func__, hlog, instpath, create);
 }
 
 std::int32_t shmlog_detach() {
     const Lock lock;
     if (!lock.taken())
         return SHMLOG_ERR_LOCK;
-    return noted([] { return table == nullptr ? not_initialized() : unmap_last(); });
+    return noted(__func__, [] { return table == nullptr ? not_initialized() : unmap_last(); });
 }
 
 std::int32_t shmlog_delete() {
     const Lock lock;
     if (!lock.taken())
         return SHMLOG_ERR_LOCK;
-    return noted([] {
+    return noted(__func__, [] {
         if (table == nullptr)
             return not_initialized();
         if (shmctl(table_id, IPC_RMID, nullptr) != 0)
@@ -317,7 +323,7 @@ std::int32_t shmlog_delete() {
 
 std::int32_t shmlog_getloginfo(const char *type, std::int32_t *plevel, std::int32_t *psize,
                                std::int32_t *plogtype) {
-    return noted([&] {
+    return noted(__func__, [&] {
         if (type == nullptr || plevel == nullptr || psize == nullptr || plogtype == nullptr)
             return invalid_parameter();
         const std::int32_t ret = read_entry(type, plevel, psize, plogtype);
@@ -334,7 +340,7 @@ std::int32_t shmlog_setloginfo(const char *type, std::int32_t level, std::int32_
     const Lock lock;
     if (!lock.taken())
         return SHMLOG_ERR_LOCK;
-    return noted([&] {
+    return noted(__func__, [&] {
         if (type == nullptr || *type == '\0' || level < -1 || size < 0)
             return invalid_parameter();
         if (table == nullptr)
@@ -348,7 +354,7 @@ std::int32_t shmlog_enumtype(shm_log_info *entries, std::int32_t *count) {
     const Lock lock;
     if (!lock.taken())
         return SHMLOG_ERR_LOCK;
-    return noted([&] {
+    return noted(__func__, [&] {
         if (entries == nullptr || count == nullptr)
             return invalid_parameter();
         const shm_log *at = table;

@@ -5,9 +5,6 @@
 #include "log/store.h"
 
 #include <cerrno>
-#include <string>
-
-#include <sys/ipc.h>
 
 std::atomic<std::int32_t> nologflag{0};
 std::atomic<std::int32_t> altsendflag{0};
@@ -96,8 +93,9 @@ std::int32_t log_get_config(LOGLIB_INFO *info) {
     }
     if (info->method != EVENTC_METHOD_MQ)
         return LOG_OK;
-    const std::string dir = std::string(info->inspath) + "/" + key.dir;
-    info->msqkey = log_cre_msqkey(dir.c_str(), key.file, key.dirmode, key.filemode);
+    char dir[LOG_INSPATH_LEN + sizeof(key.dir)];
+    std::snprintf(dir, sizeof(dir), "%s/%s", info->inspath, key.dir);
+    info->msqkey = log_cre_msqkey(dir, key.file, key.dirmode, key.filemode);
     return info->msqkey != 0 ? LOG_OK : LOG_ERR_POLICY;
 }
 
@@ -108,17 +106,14 @@ std::int32_t log_get_fixed(LOGLIB_INFO *info) {
 
 std::int32_t log_cre_msqkey(const char *keydir, const char *keyfile, std::int32_t dirmode,
                             std::int32_t filemode) {
-    const std::string path = std::string(keydir) + "/" + keyfile;
-    if (make_key_directory(keydir, static_cast<mode_t>(dirmode)) != 0) {
+    key_t key = 0;
+    const KeyStep step = make_key(
+        {keydir, static_cast<mode_t>(dirmode), keyfile, static_cast<mode_t>(filemode), queue_project}, &key);
+    if (step == KeyStep::directory)
         LOG_DEBUG("mkdir(%s) failed(errno:%d)", keydir, errno);
-        return 0;
-    }
-    if (make_key_file(path.c_str(), static_cast<mode_t>(filemode)) != 0) {
-        LOG_DEBUG("open(%s) failed(errno:%d)", path.c_str(), errno);
-        return 0;
-    }
-    const key_t key = ftok(path.c_str(), queue_project);
-    if (key == -1)
+    else if (step == KeyStep::file)
+        LOG_DEBUG("open(%s/%s) failed(errno:%d)", keydir, keyfile, errno);
+    else if (step == KeyStep::key)
         LOG_DEBUG("ftok() failed(errno:%d)", errno);
-    return key != -1 ? key : 0;
+    return step == KeyStep::done ? key : 0;
 }
