@@ -4,6 +4,7 @@
 #include "listen.h"
 
 #include <cerrno>
+#include <stdexcept>
 #include <system_error>
 
 #include <fcntl.h>
@@ -98,6 +99,11 @@ fs::path LogFiles::path(const std::string &name) const {
 
 void LogFiles::append(const std::string &name, std::string_view line) {
     const LogSettings log = settings(name);
+    if (!logs_.contains(name) && !set(name, log))
+        throw std::runtime_error("there are too many logs");
+    // A link that was planted since the directory was judged leads to another one.
+    if (fs::weakly_canonical(log.directory) != log.directory)
+        throw std::runtime_error("\"" + log.directory.string() + "\" is a link");
     const fs::path file = log.directory / name;
     const std::string header = log.header.empty() ? std::string() : as_line(log.header);
     std::string text = as_line(line);

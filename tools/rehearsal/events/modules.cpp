@@ -11,6 +11,8 @@ namespace fs = std::filesystem;
 namespace rehearsal {
 namespace {
 
+constexpr std::int32_t most_generations = 99; // each rotation renames them all
+
 std::string log_name(const EVENTC_LOG_INFO &record) {
     return record.perflogname[0] != '\0' ? std::string(record.perflogname) + ".csv"
                                          : std::string(record.type) + ".log";
@@ -79,7 +81,7 @@ std::string Modules::initialize(const EVENTC_LOG_INFO &record) {
     const std::string name = log_name(record);
     std::string note;
     if (!files_.set(name, {.size = usable_size(init.logsize),
-                           .kept = std::max(1, init.rotate),
+                           .kept = std::clamp(init.rotate, 1, most_generations),
                            .header = init.header,
                            .directory = directory(init, note)}))
         return "refused: too many logs";

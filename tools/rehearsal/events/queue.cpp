@@ -47,7 +47,7 @@ QueueReader::QueueReader(const std::filesystem::path &tree, Sink sink) : sink_(s
 
 QueueReader::~QueueReader() {
     ending_ = true;
-    // A queue that is full takes no message, but then the thread does not wait either.
+    // A queue that is full takes no message, but then the thread does not wait either: it takes every type.
     const Message wake = {.type = wake_type, .bytes = {}};
     ::msgsnd(id_, &wake, 0, IPC_NOWAIT);
     thread_.join();
@@ -62,10 +62,10 @@ void QueueReader::read_all() {
     }
 }
 
-// False when there is nothing to read any more. The lowest type comes first: the records, then the wake.
+// False when there is nothing to read any more. Foreign types are thrown away.
 bool QueueReader::read_one(int flags) {
     Message message;
-    const ssize_t got = ::msgrcv(id_, &message, message.bytes.size(), -wake_type, flags | MSG_NOERROR);
+    const ssize_t got = ::msgrcv(id_, &message, message.bytes.size(), 0, flags | MSG_NOERROR);
     if (got < 0)
         return errno == EINTR;
     if (message.type == record_type) {

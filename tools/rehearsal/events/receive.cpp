@@ -106,13 +106,13 @@ void SocketReader::wait() {
     socket_.async_wait(asio::posix::stream_descriptor::wait_read, [this](const asio::error_code &error) {
         if (error)
             return;
-        drain();
+        drain(most_at_once);
         wait();
     });
 }
 
-void SocketReader::drain() {
-    for (int i = 0; i < most_at_once && read_one(); ++i) {
+void SocketReader::drain(int most) {
+    for (int i = 0; i < most && read_one(); ++i) {
     }
 }
 

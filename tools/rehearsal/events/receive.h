@@ -34,7 +34,7 @@ class SocketReader {
 public:
     SocketReader(asio::io_context &io, Descriptor socket, const char *transport, Sink sink);
     // What waits right now, once no thread runs `io` any more.
-    void drain();
+    void drain(int most = 1 << 16); // what waits, up to so many
 
 private:
     void wait();

@@ -145,6 +145,12 @@ std::int32_t find_key(const char *instpath, key_t *key) {
     return SHMLOG_ERR_KEYFILE;
 }
 
+// A segment of another size is another program's; the system refuses smaller ones only.
+bool has_table_size(int id) {
+    shmid_ds status = {};
+    return shmctl(id, IPC_STAT, &status) == 0 && status.shm_segsz == sizeof(shm_log);
+}
+
 std::int32_t map_table(int id) {
     void *address = shmat(id, nullptr, 0);
     if (address == reinterpret_cast<void *>(-1)) {
@@ -171,9 +177,8 @@ std::int32_t attach(const char *instpath) {
     key_t key = 0;
     if (const std::int32_t ret = find_key(instpath, &key); ret != SHMLOG_OK)
         return ret;
-    // The system refuses a segment that is smaller.
     const int id = shmget(key, sizeof(shm_log), table_mode);
-    if (id == -1) {
+    if (id == -1 || !has_table_size(id)) {
         SHMLOG(1, "shmget(use) failed(errno:%d)", errno);
         return SHMLOG_ERR_GET;
     }

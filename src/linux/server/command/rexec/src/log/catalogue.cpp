@@ -13,6 +13,8 @@
 
 namespace {
 
+constexpr off_t catalogue_size_max = off_t{4} << 20; // bytes; each event reads the file
+
 bool starts_entry(const char *line) {
     return line[0] == 'I' && line[1] == 'D' && std::strchr(line, '=') != nullptr;
 }
@@ -38,7 +40,10 @@ bool LogCatalogue::open_file(const char *path) {
     if (fd == -1)
         return false;
     struct stat status = {};
-    int error = fstat(fd, &status) != 0 ? errno : S_ISREG(status.st_mode) ? 0 : EINVAL;
+    int error = fstat(fd, &status) != 0               ? errno
+                : !S_ISREG(status.st_mode)            ? EINVAL
+                : status.st_size > catalogue_size_max ? EFBIG
+                                                      : 0;
     if (error == 0 && (file_ = fdopen(fd, "r")) == nullptr)
         error = errno;
     if (error != 0)

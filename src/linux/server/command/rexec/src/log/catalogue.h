@@ -18,9 +18,8 @@ public:
     // LOG_ERR_CATALOGUE or LOG_ERR_EVENT.
     std::int32_t open(const LOGLIB_OBJ *plogobj, std::int32_t eid);
 
-    // Goes to the next pair of the entry that has a value; a comment counts as one whose key begins with ";"
-    // or
-    // "#", and is nobody's. False at its end, where the reading is over.
+    // Goes to the next pair of the entry that has a value. A comment counts as one, whose key is nobody's.
+    // False at the end of the entry, where the reading is over.
     bool next();
     // Whether the key of the pair begins with `name`, in letters of either case.
     bool key_is(const char *name) const;

@@ -18,6 +18,8 @@
 
 namespace {
 
+constexpr std::size_t commands_max = 256; // of one event
+
 // One event on its way, in the one record that goes to all destinations but "uptime".
 struct Sending {
     const LOGLIB_OBJ *plogobj;
@@ -117,7 +119,7 @@ std::int32_t send_commands(Sending *sending, const char *name) {
     const std::size_t count = sending->event.commands;
     if (plogobj->loginfo.altexecflag == 0)
         return LOG_OK;
-    if (count == 0)
+    if (count == 0 || count > commands_max)
         return LOG_ERR_COMMAND;
     const std::unique_ptr<LogCommand[]> commands(new (std::nothrow) LogCommand[count]());
     if (commands == nullptr) {

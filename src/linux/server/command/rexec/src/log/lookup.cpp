@@ -40,36 +40,71 @@ std::int32_t take_uptime(LogEvent *event, char *value) {
     return LOG_OK;
 }
 
-// One conversion: past its flags, widths and lengths, and the positions "N$" among them in `positions`, the
-// bit of each. Null for one with a position out of reach.
-const char *skip_modifiers(const char *at, std::uint64_t *positions) {
-    for (; *at != '\0' && std::strchr(" +-#0'I123456789*.hlLqjzZtw", *at) != nullptr; ++at) {
-        if (*at < '1' || *at > '9')
-            continue;
-        char *end = nullptr;
-        const unsigned long number = std::strtoul(at, &end, 10);
-        if (*end == '$' && number > 64)
+constexpr int width_max = 511; // characters; more is cut, after the C library has formatted all of it
+constexpr std::uint64_t positions_max = 32;
+
+// A conversion being read. Its arguments are counted, or named by position; the C library ends the process
+// where a position leads to none.
+class Conversion {
+public:
+    Conversion(const char *at, std::uint64_t *positions) : at_(at), positions_(positions) {}
+
+    // Past the conversion; null when it is refused.
+    const char *read() {
+        const bool named = has_position();
+        const bool position_ok = !named || take_position();
+        skip("-+ #0'I");
+        if (!position_ok || !take_number())
             return nullptr;
-        if (*end == '$')
-            *positions |= std::uint64_t{1} << (number - 1);
-        at = *end == '$' ? end : end - 1;
+        if (*at_ == '.') {
+            ++at_;
+            if (!take_number())
+                return nullptr;
+        }
+        skip("hlLqjzZt");
+        if (*at_ == 'n' || *at_ == '%') // a sign behind modifiers may end this one or begin another
+            return nullptr;
+        const bool takes_argument = *at_ != '\0' && std::strchr("diouxXeEfFgGaAcspCS", *at_) != nullptr;
+        if (named && !takes_argument)
+            return nullptr;
+        return *at_ != '\0' ? at_ + 1 : at_;
     }
-    return at;
-}
+
+private:
+    std::size_t digits() const { return std::strspn(at_, "0123456789"); }
+    bool has_position() const { return digits() > 0 && at_[digits()] == '$'; }
+    void skip(const char *signs) { at_ += std::strspn(at_, signs); }
+    // "N$"
+    bool take_position() {
+        const unsigned long number = std::strtoul(at_, nullptr, 10);
+        at_ += digits() + 1;
+        if (number < 1 || number > positions_max)
+            return false;
+        *positions_ |= std::uint64_t{1} << (number - 1);
+        return true;
+    }
+    // A width or precision: a number, "*", "*N$", or nothing.
+    bool take_number() {
+        if (*at_ == '*') {
+            ++at_;
+            return !has_position() || take_position();
+        }
+        const bool fits = digits() <= 3 && std::strtoul(at_, nullptr, 10) <= width_max;
+        at_ += digits();
+        return fits && *at_ != '$';
+    }
+
+    const char *at_;
+    std::uint64_t *positions_;
+};
 
 // Whether a text can be formatted whatever its arguments are worth: none of its conversions writes to memory,
-// and those with a position leave none out, which the C library may answer by ending the process. What it
-// would not take for a conversion is judged as if it went on: a sign behind modifiers may end one conversion
-// or begin another, so it is refused.
+// and those with a position leave none out.
 bool is_safe(const char *format) {
     std::uint64_t positions = 0;
     for (const char *at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at, '%')) {
-        if (at[1] == '%') {
-            at += 2;
-            continue;
-        }
-        at = skip_modifiers(at + 1, &positions);
-        if (at == nullptr || *at == 'n' || *at == '%')
+        at = at[1] == '%' ? at + 2 : Conversion(at + 1, &positions).read();
+        if (at == nullptr)
             return false;
     }
     return (positions & (positions + 1)) == 0; // the first ones, without a gap

@@ -9,6 +9,7 @@
 #include <ctime>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include <arpa/inet.h>
@@ -23,6 +24,11 @@ struct LogDaemon {
     // When the wait for a daemon that does not read began, in ns of the monotonic clock; 0 while it reads.
     std::atomic<std::int64_t> waiting_since{0};
     std::atomic<bool> stuck{false}; // a wait ran out, and no send has succeeded since
+    // What was waited for a daemon that reads, but slowly, in the present stretch of time, in ns.
+    std::atomic<std::int64_t> spent{0};
+    std::mutex mutex; // for the next two, and for changing `spent`
+    std::atomic<std::int64_t> stretch_begun{0};
+    std::int64_t counted_until = 0; // waits at the same time count once
 };
 
 namespace {
@@ -31,6 +37,10 @@ constexpr std::int64_t ms = 1'000'000; // in ns
 constexpr std::int64_t wait_limit = 200 * ms;
 constexpr std::int64_t wait_slice = 10 * ms; // the longest that a sender does not look at the others
 constexpr std::int64_t queue_nap = 1 * ms;
+// Waits for a daemon that is slow add up from message to message, and may not hold up a run as a whole.
+constexpr std::int64_t stretch = 10'000 * ms;
+constexpr std::int64_t stretch_limit = 500 * ms;
+constexpr std::int64_t short_wait = 1 * ms; // is no sign of a slow daemon, and not counted
 constexpr socklen_t local_length = sizeof(sockaddr_un);
 constexpr socklen_t ipv4_length = sizeof(sockaddr_in);
 static_assert(local_length == 110 && ipv4_length == 16);
@@ -145,19 +155,42 @@ int keep_trying(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record) {
     return error;
 }
 
+void count_wait(LogDaemon &daemon, std::int64_t begun, std::int64_t ended) {
+    if (ended - begun < short_wait)
+        return;
+    const std::lock_guard lock(daemon.mutex);
+    if (ended > daemon.stretch_begun + stretch) {
+        daemon.stretch_begun = begun;
+        daemon.spent = 0;
+    }
+    daemon.spent += std::max<std::int64_t>(ended - std::max(begun, daemon.counted_until), 0);
+    daemon.counted_until = std::max(daemon.counted_until, ended);
+}
+
+bool may_wait(const LOGLIB_OBJ *plogobj, const LogDaemon &daemon, std::int64_t time) {
+    if (plogobj->transport == LogTransport::queue && plogobj->loginfo.msqsopt != 0)
+        return false;
+    return !daemon.stuck.load(std::memory_order_relaxed) &&
+           (daemon.spent.load(std::memory_order_relaxed) < stretch_limit ||
+            time > daemon.stretch_begun + stretch);
+}
+
 int send_record(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record) {
     LogDaemon &daemon = *plogobj->daemon;
-    const bool may_wait = plogobj->transport != LogTransport::queue || plogobj->loginfo.msqsopt == 0;
-    const bool wait = may_wait && !daemon.stuck.load(std::memory_order_relaxed);
+    const std::int64_t begun = now();
+    const bool wait = may_wait(plogobj, daemon, begun);
     int error = attempt(plogobj, record, wait);
     while (error == EINTR && !wait)
         error = attempt(plogobj, record, false);
     if (is_full(error) && wait)
         error = keep_trying(plogobj, record);
+    if (wait)
+        count_wait(daemon, begun, now());
     // It reads again, or is gone: what was waited for is over.
     if (!is_full(error) && (daemon.stuck || daemon.waiting_since != 0)) {
         daemon.waiting_since = 0;
-        daemon.stuck = daemon.stuck && error != 0;
+        if (error == 0)
+            daemon.stuck = false;
     }
     return error;
 }
@@ -167,9 +200,9 @@ void note_queue_failure(const LOGLIB_OBJ *plogobj) {
     static std::atomic<std::int32_t> glogoutcnt{0};
     if (glogoutcnt.exchange(1) != 0)
         return;
-    const std::string path = std::string(plogobj->loginfo.inspath) + "/tmp/log_msg";
-    const int fd =
-        open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
+    char path[LOG_INSPATH_LEN + sizeof("/tmp/log_msg")];
+    std::snprintf(path, sizeof(path), "%s/tmp/log_msg", plogobj->loginfo.inspath);
+    const int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0644);
     if (fd == -1)
         return;
     char stamp[LOG_DATE_LEN];
