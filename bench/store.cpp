@@ -123,6 +123,11 @@ void *__wrap_malloc(std::size_t size) {
     ++allocations;
     return __real_malloc(size);
 }
+void *__real__Znwm(std::size_t size);
+void *__wrap__Znwm(std::size_t size) { // operator new
+    ++allocations;
+    return __real__Znwm(size);
+}
 void *__real_calloc(std::size_t count, std::size_t size);
 void *__wrap_calloc(std::size_t count, std::size_t size) {
     ++allocations;

@@ -23,11 +23,16 @@ constexpr const char *configuration = R"(<!DOCTYPE root [<!ELEMENT root ANY>]>
   <server name="b"><x>2</x></server><server><x>none</x></server>
   <server name="c"><x>3</x></server>
   <twice/><twice><x>behind the first</x></twice>
-  <comment><!-- x --><x>v</x></comment>
+  <!-- before --><comment><!-- x --><x>v</x></comment>
 </root>)";
 constexpr const char *first_policy = "<root><all><empty>5</empty></all><only><p1>p1</p1><empty/></"
                                      "only><server name='q'><x>policy</x></server></root>";
 constexpr const char *second_policy = "<root><only><p1>no</p1><p2>p2</p2><empty>no</empty></only></root>";
+
+// A name as wide as a record, one that is wider, and a text above that of a value.
+const std::string name_32(32, 'n');
+const std::string third_policy = "<" + name_32 + "n><x>longer</x></" + name_32 + "n>";
+const std::string fourth_policy = "<" + name_32 + "><x>" + std::string(1030, 'v') + "</x></" + name_32 + ">";
 
 class Query : public testing::Test {
 protected:
@@ -36,6 +41,8 @@ protected:
         _xmldocs[5].current = 1;
         load(2, XMLDOC_TYPE_POLICY, "p1", first_policy);
         load(9, XMLDOC_TYPE_POLICY, "p2", second_policy);
+        load(10, XMLDOC_TYPE_POLICY, "p3", third_policy.c_str());
+        load(11, XMLDOC_TYPE_POLICY, "p4", fourth_policy.c_str());
     }
     ~Query() override {
         for (ZYNXML_XMLDOC &slot : _xmldocs)
@@ -106,6 +113,15 @@ TEST_F(Query, ListHoldsTheFirstAttributes) {
     EXPECT_EQ(enum_value("/root/only", buffer, &size), XMLLIB_ERR_NOTEXIST) << "a policy's";
     _xmldocs[5].current = 0;
     EXPECT_EQ(enum_value("/root/server", buffer, &size), XMLLIB_ERR_NOTLOAD);
+    const std::string items = "<root><item n='  trimmed '/><item n=''/><item n='" + std::string(300, 'v');
+    load(12, XMLDOC_TYPE_PATHCONFIG, "items", (items + "'/></root>").c_str());
+    _xmldocs[12].current = 1;
+    size = sizeof(buffer);
+    EXPECT_EQ(enum_value("/root/item", buffer, &size), XMLLIB_OK);
+    EXPECT_EQ(size, 768);
+    EXPECT_STREQ(buffer, "trimmed");
+    EXPECT_STREQ(buffer + 256, "");
+    EXPECT_STREQ(buffer + 512, std::string(255, 'v').c_str());
 }
 
 TEST_F(Query, RecordsAreFilledToTheirWidth) {

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <functional>
 #include <map>
+#include <regex>
 #include <thread>
 #include <tuple>
 
@@ -24,6 +25,7 @@ int counter_error = 0;
 } // namespace
 
 extern "C" unsigned __wrap_sleep(unsigned) {
+    pthread_testcancel();
     return 0;
 }
 extern "C" clock_t __wrap_times(struct tms *) {
@@ -40,18 +42,18 @@ protected:
         traced.clear();
         EXPECT_EQ(chdir(folder.path.c_str()), 0);
         std::filesystem::create_directory_symlink(folder / "lib/libzynxml.so.1.0.0", "libzynxml.so.1.0");
-        for (const char *directory : {"etc/policy", "etc/policy.X"})
-            std::filesystem::create_directories(directory);
+        std::filesystem::create_directories("etc/policy");
         folder.write("etc/zyn.conf", "<root><a n='1'>conf</a><a n='2'/></root>");
         for (const char *type : {"all", "log", "cluster"})
             folder.write(std::string("etc/policy/") + type + ".pol", "<root><b>5</b></root>");
-        trace_on(true);
+        trace_on("<init>1</init>");
     }
-    void trace_on(bool on) const {
-        folder.write("etc/policy/cluster.pol",
-                     std::string("<root><cluster><log><xml><init>") + (on ? "1" : "0") +
-                         "</init></xml></log></cluster><m><parameters><x>all</x></parameters>"
-                         "<server n='s1'><parameters><x>one</x></parameters></server></m></root>");
+    void trace_on(const std::string &setting) const {
+        folder.write(
+            "etc/policy/cluster.pol",
+            "<root><cluster><log><xml>" + setting +
+                "</xml></log></cluster><m><parameters><x>for every</x><y>for every</y><z>1</z></parameters>"
+                "<server n='s1'><parameters><x>one</x><z><in/></z></parameters></server></m></root>");
     }
     static std::string value(const char *path) {
         char buffer[64] = "";
@@ -87,9 +89,11 @@ TEST_F(Xml, TraceIsOpenedOnlyWhereItIsAskedForAndSafe) {
         EXPECT_EQ(xmllib_init(type), 0);
         EXPECT_EQ(xmllib_term(), 0);
     }
-    trace_on(false);
-    EXPECT_EQ(xmllib_init("rexec"), 0);
-    EXPECT_EQ(xmllib_term(), 0);
+    for (const char *setting : {"<init>0</init>", ""}) {
+        trace_on(setting);
+        EXPECT_EQ(xmllib_init("rexec"), 0);
+        EXPECT_EQ(xmllib_term(), 0);
+    }
     EXPECT_TRUE(traced.empty());
 }
 
@@ -132,11 +136,19 @@ TEST_F(Xml, FailedStartKeepsItsCount) {
 }
 
 TEST_F(Xml, CharsetChoosesTheDirectory) {
-    folder.write("etc/policy/all.pol", "<root><all><charset>X</charset></all><b>plain</b></root>");
-    folder.write("etc/policy.X/all.pol", "<root><b>X</b></root>");
-    EXPECT_EQ(xmllib_init("rexec"), 0);
-    EXPECT_EQ(value("/root/b"), "X");
-    EXPECT_EQ(xmllib_term(), 0);
+    const std::string charset(127, 'C'), directory = "etc/policy." + charset;
+    const auto all = [](const std::string &name, const std::string &value) {
+        return "<root><all><charset>" + name + "</charset></all><b>" + value + "</b></root>";
+    };
+    std::filesystem::create_directory(directory);
+    folder.write("etc/policy/all.pol", all(charset, "plain"));
+    folder.write(directory + "/all.pol", all(charset + "C", "chosen"));
+    // The second start begins with the charset of the first, finds one that is too long, and forgets both.
+    for (const char *wanted : {"chosen", "plain"}) {
+        EXPECT_EQ(xmllib_init("rexec"), 0);
+        EXPECT_EQ(value("/root/b"), wanted);
+        EXPECT_EQ(xmllib_term(), 0);
+    }
 }
 
 // Each operation with its arguments, its code and what it traces, before and after the start.
@@ -174,7 +186,8 @@ TEST_F(Xml, OperationsAnswerAndTrace) {
         {"server",
          [&](const std::string &of) {
              size = sizeof(buffer);
-             return xmllib_get_srvsep_value("s1", of.c_str(), XMLLIB_TYPE_STRING, buffer, &size);
+             const std::string server = of.substr(0, of.find(' ')), path = of.substr(server.size() + 1);
+             return xmllib_get_srvsep_value(text(server), text(path), XMLLIB_TYPE_STRING, buffer, &size);
          }},
     };
     for (const Row &row : read_rows("operations.txt", 4)) {
@@ -210,10 +223,49 @@ TEST_F(Xml, ClockIsMended) {
 }
 
 TEST_F(Xml, InstallPathNeedsNoStart) {
-    char path[8];
-    std::memset(path, 'x', sizeof(path));
-    EXPECT_EQ(xmllib_get_installpath(path, sizeof(path)), 0);
-    EXPECT_EQ(path, folder.path.substr(0, 7));
+    char path[64];
+    for (const std::size_t size : {std::size_t{8}, sizeof(path), std::size_t{0}}) {
+        std::memset(path, 'x', sizeof(path));
+        EXPECT_EQ(xmllib_get_installpath(path, static_cast<int>(size)), 0);
+        std::string wanted = folder.path.substr(0, size == 0 ? 0 : size - 1);
+        wanted.resize(size, '\0');
+        EXPECT_EQ(std::string(path, sizeof(path)), wanted + std::string(sizeof(path) - size, 'x')) << size;
+    }
+    EXPECT_EQ(xmllib_get_installpath(nullptr, sizeof(path)), 0);
+}
+
+// A thread that has been cancelled finishes what it called, although the call sleeps and opens files.
+TEST_F(Xml, CancelledThreadsFinishTheirCalls) {
+    folder.write("etc/zyn.conf", "<root>");
+    const auto init = [] { return xmllib_init("rexec"); };
+    std::vector<int> codes;
+    for (int (*call)() : {+init, xmllib_load_config, xmllib_term, +init, xmllib_term})
+        std::jthread([&] {
+            pthread_cancel(pthread_self());
+            codes.push_back(call());
+        }).join();
+    EXPECT_EQ(codes, (std::vector<int>{0, XMLLIB_ERR_INVALIDPATH, 0, 0, 0}));
+}
+
+// Every line of a value that a policy holds, of a list, and of reloads that change nothing or something.
+TEST_F(Xml, WholeTrace) {
+    char buffer[600];
+    int size = sizeof(buffer);
+    EXPECT_EQ(xmllib_init("rexec"), 0);
+    EXPECT_EQ(xmllib_load_config(), 0);
+    traced.clear();
+    EXPECT_EQ(value("/root/m/parameters/x"), "for every");
+    EXPECT_EQ(xmllib_enum_value("/root/a", buffer, &size), 0);
+    EXPECT_EQ(xmllib_reload_config(), 0);
+    folder.write("etc/zyn.conf", "<root/>");
+    EXPECT_EQ(xmllib_reload_config(), 0);
+    std::vector<std::string> lines, wanted;
+    for (const std::string &line : traced)
+        lines.push_back(std::regex_replace(line, std::regex("/tmp/zyn[^/]*|[0-9]+(?=\\.$)"), "@"));
+    for (const Row &row : read_rows("store_trace.txt", 2))
+        wanted.push_back(row[0] + "|" + row[1]);
+    EXPECT_EQ(lines, wanted);
+    EXPECT_EQ(xmllib_term(), 0);
 }
 
 // Starting and ending with an open trace, opening log handles that read their settings, and using the store
@@ -277,6 +329,8 @@ TEST_F(Xml, ManyThreads) {
                 for (int round = 0; round < 100; ++round)
                     work();
             });
+        for (int i = 0; i < 400; ++i) // traces, and takes no lock of the start and the end
+            xmllib_get_installpath(nullptr, 0);
     }
     EXPECT_GT(count_traced("close"), 0);
     EXPECT_EQ(count_traced("close"), count_traced("open xml 4 1000000"));

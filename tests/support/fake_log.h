@@ -1,4 +1,6 @@
-// Stands in for the log library in a test program: keeps what it is given. Included by one source.
+// Stands in for the log library in a test program: keeps what it is given. Like the library it opens and
+// closes with calls that a cancelled thread ends in, and its handles live until they are closed. Included by
+// one source.
 #pragma once
 
 #include "log.h"
@@ -9,6 +11,8 @@
 #include <mutex>
 #include <string>
 #include <vector>
+
+#include <pthread.h>
 
 // "open type level size", "level|indented text" and "close", as the log library was called.
 inline std::vector<std::string> traced;
@@ -23,25 +27,28 @@ inline void keep(const std::string &line) {
 
 std::int32_t log_init(const char *modtype, void **handle, std::int32_t level, std::int32_t size,
                       const char *) {
+    pthread_testcancel();
     const std::lock_guard library(loglibmutex);
     keep(std::string("open ") + modtype + " " + std::to_string(level) + " " + std::to_string(size));
-    *handle = &traced;
+    *handle = new std::int32_t{LOG_OK};
     return LOG_OK;
 }
-std::int32_t log_term(void *) {
+std::int32_t log_term(void *handle) {
+    pthread_testcancel();
+    delete static_cast<std::int32_t *>(handle);
     const std::lock_guard library(loglibmutex);
     keep("close");
     return LOG_OK;
 }
-std::int32_t log_write(void *, std::int32_t level, std::int32_t, const char *, std::int32_t, const char *,
-                       const char *format, ...) {
+std::int32_t log_write(void *handle, std::int32_t level, std::int32_t, const char *, std::int32_t,
+                       const char *, const char *format, ...) {
     char text[4096];
     va_list arguments;
     va_start(arguments, format);
     std::vsnprintf(text, sizeof(text), format, arguments);
     va_end(arguments);
     keep(std::to_string(level) + "|" + text);
-    return LOG_OK;
+    return *static_cast<std::int32_t *>(handle);
 }
 
 inline long count_traced(const std::string &line) {
