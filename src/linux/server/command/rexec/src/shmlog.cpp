@@ -73,9 +73,11 @@ void forget_readers() {
         some.count = 0;
 }
 
+// Before any thread: a child must not find this half done.
+const int readers_forgotten [[maybe_unused]] = pthread_atfork(nullptr, nullptr, forget_readers);
+
 Readers &own_readers() {
     static std::atomic<unsigned> threads{0};
-    static const int registered [[maybe_unused]] = pthread_atfork(nullptr, nullptr, forget_readers);
     static thread_local Readers &own = readers[threads++ % readers.size()];
     return own;
 }

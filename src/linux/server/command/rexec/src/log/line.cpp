@@ -6,7 +6,6 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <string_view>
 
 #include <pthread.h>
@@ -104,9 +103,10 @@ struct Second {
     std::size_t day = 0; // of the month in `text`, behind the year
 };
 
+// localtime_r does not read the zone. Before any thread: a forked child must not find this half done.
+const bool zone_read [[maybe_unused]] = (tzset(), true);
+
 const Second &local_second(time_t seconds) {
-    static std::once_flag zone_read; // localtime_r does not read it
-    std::call_once(zone_read, tzset);
     static thread_local Second last;
     if (last.seconds == seconds)
         return last;
@@ -142,9 +142,10 @@ struct Sender {
 };
 thread_local Sender known_sender;
 
+const int sender_forgotten = pthread_atfork(nullptr, nullptr, [] { known_sender = {}; });
+
 const Sender &sender() {
-    static const int registered = pthread_atfork(nullptr, nullptr, [] { known_sender = {}; });
-    if (known_sender.pid == 0 || registered != 0)
+    if (known_sender.pid == 0 || sender_forgotten != 0)
         known_sender = {getpid(), gettid()};
     return known_sender;
 }
