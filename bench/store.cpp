@@ -51,17 +51,24 @@ private:
 class Store {
 public:
     explicit Store(const char *file) {
-        if (xmllib_init("rexec") != XMLLIB_OK || xmllib_load_pathconfig(file, nullptr) != XMLLIB_OK)
+        if (xmllib_init("rexec") != XMLLIB_OK || xmllib_load_pathconfig(file, &handle_) != XMLLIB_OK)
             throw std::runtime_error("the store did not start: is there an installation?");
     }
     ~Store() { xmllib_term(); }
     Store(const Store &) = delete;
     Store &operator=(const Store &) = delete;
+
+    // A log that was opened meanwhile has loaded the cluster configuration, which is consulted since.
+    void consult() const { xmllib_change_config(handle_); }
+
+private:
+    void *handle_ = nullptr;
 };
 
 void prepare() {
     static const ConfigurationFile file;
     static const Store store(file.name());
+    store.consult();
 }
 
 void check(int value, int wanted) {

@@ -120,16 +120,19 @@ std::int32_t entries_of(const shm_log *at) {
 }
 
 bool has_type(const shm_log_info &entry, std::string_view type) {
-    return std::atomic_ref(const_cast<char &>(entry.type[0])).load(std::memory_order_acquire) == type[0] &&
-           type.size() < sizeof(entry.type) && std::memcmp(entry.type, type.data(), type.size()) == 0 &&
+    return type.size() < sizeof(entry.type) && std::memcmp(entry.type, type.data(), type.size()) == 0 &&
            entry.type[type.size()] == '\0';
 }
 
+// Every message looks for its type: most entries are passed by their first character.
 shm_log_info *find(shm_log *at, std::string_view type) {
-    const auto end = at->loginfo + entries_of(at);
-    const auto found =
-        std::find_if(at->loginfo, end, [type](const shm_log_info &entry) { return has_type(entry, type); });
-    return found != end ? found : nullptr;
+    const char first = type[0];
+    shm_log_info *const end = at->loginfo + entries_of(at);
+    for (shm_log_info *entry = at->loginfo; entry != end; ++entry)
+        if (std::atomic_ref(entry->type[0]).load(std::memory_order_acquire) == first &&
+            has_type(*entry, type))
+            return entry;
+    return nullptr;
 }
 
 std::int32_t find_key(const char *instpath, key_t *key) {
