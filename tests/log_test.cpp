@@ -133,6 +133,9 @@ TEST_F(Log, TransportIsChosenByTheConfiguration) {
     EXPECT_STREQ(port.take(1000).type, "mod");
     log_term(handle);
 
+    configure("<cluster><event><method>1</method><port>" + std::to_string(port.port + 65536) +
+              "</port></event></cluster>");
+    EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_TRANSPORT) << "never another port";
     configure("<cluster><event><method>2</method></event></cluster>");
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_TRANSPORT) << "nobody has made the queue";
     const key_t key = ftok((folder / "work/ipc/msgq.key").c_str(), 99);
@@ -272,6 +275,37 @@ TEST_F(Log, AllLoggingMayBeOff) {
     EXPECT_EQ(log_write(nullptr, 1, 0, "f", 1, "g", "x"), LOG_OK);
     EXPECT_EQ(daemon.take().magicno[0], '\0');
     log_term(handle);
+}
+
+// What another process writes into the table is not believed, and nobody reads it while it is unmapped.
+TEST_F(Log, TableIsReadSafely) {
+    const Receiver daemon(socket_path());
+    void *handle = open(daemon); // opened before there is a table: it holds no use of it
+    const char *tree = folder.path.c_str();
+    ASSERT_EQ(shmlog_create(nullptr, tree, ""), SHMLOG_OK);
+    log_term(handle);
+    std::int32_t level = 0, size = 0, logtype = 0;
+    EXPECT_EQ(shmlog_getloginfo("none", &level, &size, &logtype), SHMLOG_ERR_NOTFOUND);
+    const int id = shmget(ftok((folder / "work/ipc/event.key").c_str(), 101), 0, 0);
+    auto *table = static_cast<shm_log *>(shmat(id, nullptr, 0));
+    for (const std::int32_t entries : {1 << 24, -1}) {
+        table->maxtype = entries;
+        EXPECT_EQ(shmlog_getloginfo("none", &level, &size, &logtype), SHMLOG_ERR_NOTFOUND);
+    }
+    shmdt(table);
+    EXPECT_EQ(shmlog_detach(), SHMLOG_OK);
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([tree, i] {
+            std::int32_t a = 0, b = 0, c = 0;
+            for (int j = 0; j < 2000; ++j)
+                if (i % 2 == 0)
+                    shmlog_getloginfo("none", &a, &b, &c);
+                else if (shmlog_attach(nullptr, tree, "") == SHMLOG_OK)
+                    shmlog_detach();
+        });
+    threads.clear();
+    EXPECT_EQ(shmctl(id, IPC_RMID, nullptr), 0);
 }
 
 // A link that somebody else has planted where a key file or its directory belongs is not followed.
