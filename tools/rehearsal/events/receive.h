@@ -33,8 +33,8 @@ Descriptor bind_udp(std::uint16_t &port);
 class SocketReader {
 public:
     SocketReader(asio::io_context &io, Descriptor socket, const char *transport, Sink sink);
-    // What waits right now, once no thread runs `io` any more.
-    void drain(int most = 1 << 16); // what waits, up to so many
+    // Hands over what waits right now, at most so many; once no thread runs `io` any more.
+    void drain(int most = 1 << 16);
 
 private:
     void wait();

@@ -132,11 +132,10 @@ bool is_full(int error) {
     return error == EAGAIN || error == EINTR;
 }
 
-// Tries until the daemon reads again, or the wait that all senders share has run out. The first slice of it
-// is over.
-int keep_trying(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record) {
+// Tries until the daemon reads again, or the wait that all senders share has run out; `begun` is when this
+// sender's first attempt began.
+int keep_trying(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record, std::int64_t begun) {
     LogDaemon &daemon = *plogobj->daemon;
-    const std::int64_t begun = now() - wait_slice;
     int error = EAGAIN;
     while (is_full(error) && !daemon.stuck) {
         std::int64_t since = 0;
@@ -183,7 +182,7 @@ int send_record(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record) {
     while (error == EINTR && !wait)
         error = attempt(plogobj, record, false);
     if (is_full(error) && wait)
-        error = keep_trying(plogobj, record);
+        error = keep_trying(plogobj, record, begun);
     if (wait)
         count_wait(daemon, begun, now());
     // It reads again, or is gone: what was waited for is over.
