@@ -103,8 +103,8 @@ std::string set_level(const std::filesystem::path &tree, const std::string &text
     const std::string problem = explain(shmlog_setloginfo(type.c_str(), level, 0, 0));
     shmlog_detach();
     if (!problem.empty())
-        throw std::runtime_error("the level of " + type + " cannot be set: " + problem);
-    return "level of " + type + " set to " + std::to_string(level) +
+        throw std::runtime_error("the level of " + printable(type) + " cannot be set: " + problem);
+    return "level of " + printable(type) + " set to " + std::to_string(level) +
            (known ? ", it was " + std::to_string(before.level) : ", no such module has started yet");
 }
 
