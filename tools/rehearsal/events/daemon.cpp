@@ -50,6 +50,10 @@ fs::path find_tree(const fs::path &given) {
     return fs::canonical(given);
 }
 
+std::string begin(const char *transport) {
+    return time_of_day() + " " + transport + " ";
+}
+
 std::string sender(const EVENTC_LOG_INFO &record) {
     return printable(record.type) + "[" + std::to_string(record.pid) + ":" + std::to_string(record.tid) + "]";
 }
@@ -68,7 +72,10 @@ public:
             udp_.emplace(io, bind_udp(port_), "udp", sink());
         }
         if (options.queue)
-            queue_.emplace(tree_, sink());
+            queue_.emplace(tree_, sink(), [this](const char *transport, const std::string &text) {
+                const std::lock_guard lock(mutex_);
+                journal_.line(begin(transport) + printable(text));
+            });
     }
     ~Running() {
         local_->drain();
@@ -81,15 +88,14 @@ public:
     std::uint16_t port() const { return port_; }
 
     void tell(std::ostream &out) const {
-        out << "events at " << socket_.path().string() << '\n';
+        out << "events at " << printable(socket_.path().string()) << '\n';
         if (udp_)
             out << "events at UDP port " << port_ << '\n';
         if (queue_)
-            out << "events at queue " << queue_->id() << (queue_->made() ? "" : ", which was there and stays")
-                << '\n';
+            out << "events at " << queue_->describe() << '\n';
         if (!modules_.table().made())
             out << "the level table was there and stays\n";
-        out << "logs in " << (tree_ / "log").string() << std::endl;
+        out << "logs in " << printable((tree_ / "log").string()) << std::endl;
     }
 
 private:
@@ -105,15 +111,14 @@ private:
         std::string problem = bytes.size() < size ? std::to_string(size) + " bytes in place of " +
                                                         std::to_string(EVENTC_RECORD_LEN)
                                                   : read_record(bytes, record);
-        const std::string begin = time_of_day() + " " + transport + " ";
         if (!problem.empty()) {
-            journal_.line(begin + "refused: " + problem);
+            journal_.line(begin(transport) + "refused: " + problem);
             return;
         }
         try {
-            journal_.line(begin + sender(record) + " " + modules_.take(record));
+            journal_.line(begin(transport) + sender(record) + " " + modules_.take(record));
         } catch (const std::exception &error) {
-            journal_.line(begin + sender(record) + " lost: " + printable(error.what()));
+            journal_.line(begin(transport) + sender(record) + " lost: " + printable(error.what()));
         }
     }
 

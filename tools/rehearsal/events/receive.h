@@ -5,11 +5,11 @@
 
 #include <asio/posix/stream_descriptor.hpp>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <mutex>
 #include <span>
 #include <string>
 #include <thread>
@@ -19,6 +19,9 @@ namespace rehearsal {
 // Takes the bytes that came by a transport, at most one more than a record has; `size` is how many there
 // were.
 using Sink = std::function<void(const char *transport, std::span<const std::byte> bytes, std::size_t size)>;
+
+// Takes a word about a transport itself.
+using Note = std::function<void(const char *transport, const std::string &text)>;
 
 std::filesystem::path local_socket(const std::filesystem::path &tree);
 // Whether a process reads a UNIX datagram socket.
@@ -46,26 +49,32 @@ private:
 };
 
 // Hands over what comes to the System V queue of a tree, on a thread of its own that blocks in it. The
-// system's queue holds some seven records: a burst of a sender that does not wait loses what finds no room.
+// system's queue holds some seven records: a burst of a sender that does not wait loses what finds no room. A
+// queue that somebody removes is made anew, and that noted; so is why no queue is read any more.
 class QueueReader {
 public:
     // Makes the queue, or takes one that is there. Throws std::system_error.
-    QueueReader(const std::filesystem::path &tree, Sink sink);
+    QueueReader(std::filesystem::path tree, Sink sink, Note note);
     ~QueueReader(); // hands over what waits, and removes a queue that was made here
     QueueReader(const QueueReader &) = delete;
     QueueReader &operator=(const QueueReader &) = delete;
 
-    int id() const { return id_; }
-    bool made() const { return made_; }
+    std::string describe() const; // identifier, and whether it was there
 
 private:
+    void open();
+    int current() const;
     void read_all();
-    bool read_one(int flags);
+    bool read_one(int id, int flags);
+    bool replace(int error);
 
+    std::filesystem::path tree_;
     Sink sink_;
-    int id_ = -1;
+    Note note_;
+    mutable std::mutex mutex_;
+    int id_ = -1; // guarded by mutex_, as the next two
     bool made_ = false;
-    std::atomic<bool> ending_ = false;
+    bool ending_ = false;
     std::thread thread_;
 };
 
