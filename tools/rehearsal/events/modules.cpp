@@ -63,17 +63,17 @@ std::string Modules::take(const EVENTC_LOG_INFO &record) {
     }
 }
 
-// The directory of a record, when it is one of this tree: a module must not write elsewhere.
+// The directory of a record below the tree: a module must not write elsewhere.
 fs::path Modules::directory(const EVENTC_LOG_INIT &init, std::string &note) const {
     if (init.dirpath[0] == '\0')
-        return tree_ / "log";
+        return usual_log_directory;
     const fs::path given = init.dirpath;
     std::error_code error;
     const fs::path real = given.is_absolute() ? fs::weakly_canonical(given, error) : fs::path();
     if (!error && std::ranges::mismatch(tree_, real).in1 == tree_.end())
-        return real;
+        return real.lexically_relative(tree_);
     note = "\"" + printable(init.dirpath) + "\" is outside the tree and not used";
-    return tree_ / "log";
+    return usual_log_directory;
 }
 
 std::string Modules::initialize(const EVENTC_LOG_INFO &record) {

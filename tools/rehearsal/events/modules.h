@@ -14,7 +14,7 @@ namespace rehearsal {
 class Modules {
 public:
     // `tree` is canonical.
-    explicit Modules(const std::filesystem::path &tree) : tree_(tree), files_(tree / "log"), table_(tree) {}
+    explicit Modules(const std::filesystem::path &tree) : tree_(tree), files_(tree), table_(tree) {}
 
     // Does what a record that passed read_record asks for and tells it in one line. Throws std::system_error
     // when a file cannot be written.
