@@ -49,9 +49,15 @@ struct Daemon {
     }
     ~Daemon() {
         shmlog_detach();
-        kill(program.pid(), SIGTERM);
-        EXPECT_EQ(program.finish().exit, 0);
+        end();
         close(by_udp), close(by_unix);
+    }
+    void end() {
+        if (program.pid() == 0)
+            return;
+        kill(program.pid(), SIGTERM);
+        kill(program.pid(), SIGCONT); // it may be stopped
+        EXPECT_EQ(program.finish().exit, 0);
     }
     std::string act(const std::string &what, const std::string &argument) {
         std::ostringstream found;
@@ -60,15 +66,23 @@ struct Daemon {
             found << std::ifstream(tree / "log/" + argument).rdbuf();
         else if (what == "level")
             found << run({ZYN_REHEARSE, "--set-level", argument, "--events", tree.path}).exit;
-        else if (what == "table")
+        else if (what == "link")
+            std::filesystem::remove_all(tree / argument),
+                std::filesystem::create_symlink(tree / "work", tree / argument);
+        else if (what == "ipcrm") {
+            msgctl(queue, IPC_RMID, nullptr);
+            found << program.read_line().substr(19);
+            queue = std::stoi(found.str().substr(found.str().rfind(' ')));
+            return std::regex_replace(found.str(), std::regex("[0-9]+"), "N");
+        } else if (what == "table")
             found << shmlog_getloginfo(argument.c_str(), &at.level, &at.size, &at.logtype) << ' ' << at.level
                   << ' ' << at.size << ' ' << at.logtype;
         else
             found << send(what, argument);
         return std::regex_replace(found.str(), std::regex("\n"), "\\n");
     }
-    // Sends "EXAMPLE;OFFSET=BYTES;...", cut or filled up to a SIZE behind "#", and returns what is told.
-    std::string send(const std::string &by, const std::string &argument) {
+    // Sends "EXAMPLE;OFFSET=BYTES;...", cut or filled up to a SIZE behind "#".
+    void post(const std::string &by, const std::string &argument) {
         std::istringstream parts(std::regex_replace(argument, std::regex("@"), tree.path));
         std::string part;
         std::getline(parts, part, ';');
@@ -82,6 +96,10 @@ struct Daemon {
             msgsnd(queue, (std::string("\1\0\0\0\0\0\0", 8) + record).data(), record.size(), 0); // type 1
         else
             ::send(by == "unix" ? by_unix : by_udp, record.data(), record.size(), 0);
+    }
+    // Returns what is told of it.
+    std::string send(const std::string &by, const std::string &argument) {
+        post(by, argument);
         const std::string told = std::regex_replace(program.read_line(), std::regex(tree.path), "@");
         return std::regex_replace(told.substr(14 + by.size()), std::regex("^drill.[0-9:]+. "), "");
     }
@@ -99,7 +117,24 @@ TEST(Events, EveryRecordEndsWhereItBelongs) {
         if (row[0] == "daemon")
             daemon.reset(), daemon.emplace();
         else
-            EXPECT_EQ(daemon->act(row[0], row[1]), row[2]) << row[0] << ' ' << row[1];
+            EXPECT_EQ(daemon->act(row[0], row[1]), unescape(row[2])) << row[0] << ' ' << row[1];
+}
+
+// More than a turn of the reader takes, all there before the daemon learns of its end; as much as fits into
+// the system's usual buffers.
+TEST(Events, WhatHasArrivedIsStoredBeforeTheEnd) {
+    Daemon daemon;
+    std::map<std::string, std::string> files{{"unix.log", ""}, {"udp.log", ""}, {"queue.log", ""}};
+    kill(daemon.program.pid(), SIGSTOP);
+    waitpid(daemon.program.pid(), nullptr, WUNTRACED);
+    for (const auto &[name, count] : {std::pair("unix", 10), {"udp", 80}, {"queue", 6}})
+        for (int i = 0; i < count; ++i) {
+            daemon.post(name, "local;36=" + std::string(name) + "\\x00;80=" + std::to_string(i) + "\\x00");
+            files[name + std::string(".log")] += std::to_string(i) + '\n';
+        }
+    daemon.end();
+    for (const auto &[name, lines] : files)
+        EXPECT_EQ(read_file(daemon.tree / "log/" + name), lines) << name;
 }
 
 } // namespace

@@ -97,6 +97,27 @@ echo text >"$tree/tmp/sockevent"
 refused 1 --events "$tree"
 expect "a file in place of the socket stays" test "$(<"$tree/tmp/sockevent")" = text
 
+echo "-- the queue goes while it is read"
+ipcrm -M "$(key 65 event.key)" -Q "$(key 63 msgq.key)"
+rm "$tree/tmp/sockevent"
+start --event-queue
+queue=$(key 63 msgq.key)
+ipcrm -Q "$queue"
+read -r line <&3
+expect "made anew" grep -q " queue was removed; made anew, events at queue [0-9]*$" <<<"$line"
+expect "made again" test "$(made)" = socket,table,queue
+mv "$tree/work/ipc" "$tree/work/kept"
+touch "$tree/work/ipc"
+ipcrm -Q "$queue"
+read -r line <&3
+expect "not made anew" grep -q " queue was removed, and is read no more: cannot make a key in .*/ipc: Not a dir" <<<"$line"
+rm "$tree/work/ipc"
+mv "$tree/work/kept" "$tree/work/ipc"
+kill "$daemon"
+wait "$daemon"
+expect "ends, and nothing is left" test -z "$(made)"
+daemon=
+
 echo "-- options"
 refused 2 --events "$tree" --port 1
 refused 2 --events "$tree" --port-file "$folder/port"
@@ -106,7 +127,7 @@ refused 2 --set-level rexec=8
 refused 2 --set-level rexec=8 --events "$tree" --quiet
 refused 2 --install-tree "$tree" --events "$tree"
 refused 1 --events "$folder/none"
-rm "$tree/tmp/sockevent"
+rm -f "$tree/tmp/sockevent"
 start --listen 127.0.0.1 --event-port 0 --port-file "$folder/port"
 expect "listens" grep -q "^listening on 127.0.0.1 port [0-9]*$" <<<"$told"
 while [[ ! -s $folder/port ]] && kill -0 "$daemon"; do :; done
