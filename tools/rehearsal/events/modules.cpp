@@ -63,16 +63,23 @@ std::string Modules::take(const EVENTC_LOG_INFO &record) {
     }
 }
 
-// The directory of a record below the tree: a module must not write elsewhere.
+// The directory of a record below the tree: a module must not write elsewhere. The tree itself may be named
+// by a link, nothing below it.
 fs::path Modules::directory(const EVENTC_LOG_INIT &init, std::string &note) const {
     if (init.dirpath[0] == '\0')
         return usual_log_directory;
-    const fs::path given = init.dirpath;
+    const fs::path given = (fs::path(init.dirpath) / "").lexically_normal().parent_path();
+    fs::path head;
+    fs::path below;
+    bool inside = false;
     std::error_code error;
-    const fs::path real = given.is_absolute() ? fs::weakly_canonical(given, error) : fs::path();
-    if (!error && std::ranges::mismatch(tree_, real).in1 == tree_.end())
-        return real.lexically_relative(tree_);
-    note = "\"" + printable(init.dirpath) + "\" is outside the tree and not used";
+    for (const fs::path &name : given) {
+        (inside ? below : head) /= name;
+        inside = inside || (given.is_absolute() && fs::equivalent(head, tree_, error));
+    }
+    if (inside && fs::weakly_canonical(given, error) == (below.empty() ? tree_ : tree_ / below))
+        return below;
+    note = "\"" + printable(init.dirpath) + "\" is outside the tree or behind a link and not used";
     return usual_log_directory;
 }
 
