@@ -314,6 +314,10 @@ TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
     const KeyFile file = {"work/ipc", 0755, "x.key", 0644, 99};
     EXPECT_EQ(make_key(file, &key), KeyStep::done);
     EXPECT_EQ(key, ftok("work/ipc/x.key", 99));
+    const KeyFile slashes = {"work/ipc//", 0755, "/x.key", 0644, 99};
+    key_t same = 0;
+    EXPECT_EQ(make_key(slashes, &same), KeyStep::done);
+    EXPECT_EQ(same, key) << "never a file elsewhere";
     std::filesystem::rename("work/ipc/x.key", "elsewhere");
     std::filesystem::create_symlink("../../elsewhere", "work/ipc/x.key");
     key_t linked = 0;
@@ -326,6 +330,7 @@ TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
     std::filesystem::create_directory_symlink("moved", "work/ipc");
     EXPECT_EQ(lchown("work/ipc", 65534, 65534), 0);
     EXPECT_EQ(make_key(file, &key), KeyStep::directory);
+    EXPECT_EQ(make_key(slashes, &key), KeyStep::directory);
 }
 
 // A process and its forked child write at the same time, each under its own ids; the child ends its handle
