@@ -390,7 +390,9 @@ TEST_F(Log, ConfigurationThatCannotBeRead) {
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_DAEMON) << "nobody has made the socket";
     EXPECT_EQ(log_init("xml", &handle, 4, 0, nullptr), LOG_ERR_DAEMON);
     folder.write("etc/policy/all.pol", "<root/>");
+    configure("<event><nolog>1</nolog></event>");
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_INSTALL);
+    EXPECT_EQ(nologflag, 0) << "a part of the settings changes nothing for the others";
     std::filesystem::remove("etc/policy/event.pol");
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_POLICY);
     std::filesystem::remove("etc/policy/log.pol");
