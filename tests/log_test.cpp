@@ -314,6 +314,10 @@ TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
     const KeyFile file = {"work/ipc", 0755, "x.key", 0644, 99};
     EXPECT_EQ(make_key(file, &key), KeyStep::done);
     EXPECT_EQ(key, ftok("work/ipc/x.key", 99));
+    const KeyFile slashes = {"work/ipc//", 0755, "/x.key", 0644, 99};
+    key_t same = 0;
+    EXPECT_EQ(make_key(slashes, &same), KeyStep::done);
+    EXPECT_EQ(same, key) << "never a file elsewhere";
     std::filesystem::rename("work/ipc/x.key", "elsewhere");
     std::filesystem::create_symlink("../../elsewhere", "work/ipc/x.key");
     key_t linked = 0;
@@ -326,6 +330,7 @@ TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
     std::filesystem::create_directory_symlink("moved", "work/ipc");
     EXPECT_EQ(lchown("work/ipc", 65534, 65534), 0);
     EXPECT_EQ(make_key(file, &key), KeyStep::directory);
+    EXPECT_EQ(make_key(slashes, &key), KeyStep::directory);
 }
 
 // A process and its forked child write at the same time, each under its own ids; the child ends its handle
@@ -385,7 +390,9 @@ TEST_F(Log, ConfigurationThatCannotBeRead) {
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_DAEMON) << "nobody has made the socket";
     EXPECT_EQ(log_init("xml", &handle, 4, 0, nullptr), LOG_ERR_DAEMON);
     folder.write("etc/policy/all.pol", "<root/>");
+    configure("<event><nolog>1</nolog></event>");
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_INSTALL);
+    EXPECT_EQ(nologflag, 0) << "a part of the settings changes nothing for the others";
     std::filesystem::remove("etc/policy/event.pol");
     EXPECT_EQ(log_init("mod", &handle, 4, 0, nullptr), LOG_ERR_POLICY);
     std::filesystem::remove("etc/policy/log.pol");

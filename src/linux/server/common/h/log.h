@@ -41,7 +41,9 @@ enum : std::int32_t {
 
 // Held while a handle is opened or closed. The configuration store takes it before its own mutexes, because
 // it opens its trace through this library, which in turn reads its settings from the store: one order for
-// both, and recursive for the calls that come back.
+// both, and recursive for the calls that come back. A child that is forked while another thread is inside
+// log_init or log_term finds it, and the locks taken under it, held for ever: fork before such threads start,
+// or call neither of the two, nor the configuration store, nor write an event (which reads it), in the child.
 extern std::recursive_mutex loglibmutex;
 
 // Opens a log handle for one module and announces the module to the event daemon.

@@ -28,6 +28,8 @@ struct LOGLIB_INFO {
     std::int32_t msqkey = 0;
     std::int32_t sysloglvlflag = 1; // 1: events carry the tag of their level
     std::int32_t showyearflag = 1;  // 1: lines carry the year
+    std::int32_t nologflag = 0;     // of the process, see below; so is the next
+    std::int32_t altsendflag = 0;
     std::int32_t uptimelevel = LOG_DEFAULT_LEVEL;
     std::int32_t uptimesize = LOG_DEFAULT_SIZE; // bytes
     char inspath[LOG_INSPATH_LEN] = "";         // install directory
@@ -57,7 +59,7 @@ struct LOGLIB_OBJ {
     LOGLIB_INFO loginfo;
 };
 
-// Set by every log_init that reads the configuration, for all handles of the process.
+// Set by every log_init that has read the whole configuration, for all handles of the process.
 extern std::atomic<std::int32_t> nologflag;   // 1: all logging is off
 extern std::atomic<std::int32_t> altsendflag; // 1: destinations of events come from the configuration
 

@@ -46,14 +46,14 @@ bool read_event_policy(LOGLIB_INFO *info, QueueKey *key) {
     const LogPolicy policy("event");
     if (!policy.loaded())
         return false;
-    nologflag = log_read_number("/root/event/nolog", 0);
+    info->nologflag = log_read_number("/root/event/nolog", 0);
     info->method = log_read_number("/root/cluster/event/method", EVENTC_METHOD_UNIX);
     if (info->method == EVENTC_METHOD_MQ)
         read_queue(info, key);
     if (info->method == EVENTC_METHOD_UDP)
         info->port = log_read_number("/root/cluster/event/port", 0);
     info->altexecflag = log_read_number("/root/cluster/altexec/use", 0);
-    altsendflag = log_read_number("/root/cluster/messages/use", 0);
+    info->altsendflag = log_read_number("/root/cluster/messages/use", 0);
     log_read_text("/root/event/path", info->evepath);
     info->uptimelevel = log_read_number("/root/event/uptime/level", info->uptimelevel);
     info->uptimesize = log_read_number("/root/event/uptime/size", info->uptimesize);
@@ -91,12 +91,17 @@ std::int32_t log_get_config(LOGLIB_INFO *info) {
         if (const std::int32_t ret = read_policies(info, &key); ret != LOG_OK)
             return ret;
     }
-    if (info->method != EVENTC_METHOD_MQ)
-        return LOG_OK;
-    char dir[LOG_INSPATH_LEN + sizeof(key.dir)];
-    std::snprintf(dir, sizeof(dir), "%s/%s", info->inspath, key.dir);
-    info->msqkey = log_cre_msqkey(dir, key.file, key.dirmode, key.filemode);
-    return info->msqkey != 0 ? LOG_OK : LOG_ERR_POLICY;
+    if (info->method == EVENTC_METHOD_MQ) {
+        char dir[LOG_INSPATH_LEN + sizeof(key.dir)];
+        std::snprintf(dir, sizeof(dir), "%s/%s", info->inspath, key.dir);
+        info->msqkey = log_cre_msqkey(dir, key.file, key.dirmode, key.filemode);
+        if (info->msqkey == 0)
+            return LOG_ERR_POLICY;
+    }
+    // Read whole: now it counts for the process, whether the daemon can be reached or not.
+    nologflag = info->nologflag;
+    altsendflag = info->altsendflag;
+    return LOG_OK;
 }
 
 std::int32_t log_get_fixed(LOGLIB_INFO *info) {

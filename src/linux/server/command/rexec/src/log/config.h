@@ -3,8 +3,9 @@
 
 #include "log_local.h"
 
-// Reads the settings of a handle, and nologflag and altsendflag for the whole process. Returns LOG_OK,
-// LOG_ERR_CONFIG, LOG_ERR_POLICY (also when the key of the queue cannot be made) or LOG_ERR_INSTALL.
+// Reads the settings of a handle, and on success sets nologflag and altsendflag for the whole process.
+// Returns LOG_OK, LOG_ERR_CONFIG, LOG_ERR_POLICY (also when the key of the queue cannot be made) or
+// LOG_ERR_INSTALL.
 std::int32_t log_get_config(LOGLIB_INFO *info);
 
 // Fills in the fixed settings of the store's own trace, which must not read the store. Returns LOG_OK or

@@ -43,11 +43,17 @@ std::int32_t take_uptime(LogEvent *event, char *value) {
 constexpr int width_max = 511; // characters; more is cut, after the C library has formatted all of it
 constexpr std::uint64_t positions_max = 32;
 
+// How the conversions of a text reach their arguments.
+struct Arguments {
+    std::uint64_t positions = 0; // a bit for each that is named
+    bool counted = false;        // some are taken in order
+};
+
 // A conversion being read. Its arguments are counted, or named by position; the C library ends the process
 // where a position leads to none.
 class Conversion {
 public:
-    Conversion(const char *at, std::uint64_t *positions) : at_(at), positions_(positions) {}
+    Conversion(const char *at, Arguments *arguments) : at_(at), arguments_(arguments) {}
 
     // Past the conversion; null when it is refused.
     const char *read() {
@@ -61,12 +67,15 @@ public:
             if (!take_number())
                 return nullptr;
         }
-        skip("hlLqjzZt");
+        const bool modifier_ok = take_modifier();
         if (*at_ == 'n' || *at_ == '%') // a sign behind modifiers may end this one or begin another
             return nullptr;
-        const bool takes_argument = *at_ != '\0' && std::strchr("diouxXeEfFgGaAcspCS", *at_) != nullptr;
+        const bool takes_argument =
+            modifier_ok && *at_ != '\0' && std::strchr("diouxXeEfFgGaAcspCS", *at_) != nullptr;
         if (named && !takes_argument)
             return nullptr;
+        if (!named && takes_argument)
+            arguments_->counted = true;
         return *at_ != '\0' ? at_ + 1 : at_;
     }
 
@@ -80,34 +89,48 @@ private:
         at_ += digits() + 1;
         if (number < 1 || number > positions_max)
             return false;
-        *positions_ |= std::uint64_t{1} << (number - 1);
+        arguments_->positions |= std::uint64_t{1} << (number - 1);
         return true;
     }
     // A width or precision: a number, "*", "*N$", or nothing.
     bool take_number() {
         if (*at_ == '*') {
             ++at_;
-            return !has_position() || take_position();
+            if (has_position())
+                return take_position();
+            arguments_->counted = true;
+            return true;
         }
         const bool fits = digits() <= 3 && std::strtoul(at_, nullptr, 10) <= width_max;
         at_ += digits();
         return fits && *at_ != '$';
     }
 
+    // Letters of length: any of them, "hh" or "ll". Behind others no conversion follows, and no argument is
+    // taken.
+    bool take_modifier() {
+        const char *const first = at_;
+        skip("hlLqjzZt");
+        const bool pair = at_ - first == 2 && first[0] == first[1] && (*first == 'h' || *first == 'l');
+        return at_ - first <= 1 || pair;
+    }
+
     const char *at_;
-    std::uint64_t *positions_;
+    Arguments *arguments_;
 };
 
 // Whether a text can be formatted whatever its arguments are worth: none of its conversions writes to memory,
-// and those with a position leave none out.
+// and either all of them count their arguments or all name them, leaving none out. The C library would take
+// an argument that is both counted and named as the last of them has it, a text as a number.
 bool is_safe(const char *format) {
-    std::uint64_t positions = 0;
+    Arguments arguments;
     for (const char *at = std::strchr(format, '%'); at != nullptr; at = std::strchr(at, '%')) {
-        at = at[1] == '%' ? at + 2 : Conversion(at + 1, &positions).read();
+        at = at[1] == '%' ? at + 2 : Conversion(at + 1, &arguments).read();
         if (at == nullptr)
             return false;
     }
-    return (positions & (positions + 1)) == 0; // the first ones, without a gap
+    const std::uint64_t positions = arguments.positions;
+    return positions == 0 || (!arguments.counted && (positions & (positions + 1)) == 0);
 }
 
 std::int32_t take_text(LogEvent *event, char *value) {

@@ -9,7 +9,6 @@
 #include <ctime>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include <arpa/inet.h>
@@ -19,16 +18,16 @@
 #include <sys/time.h>
 #include <unistd.h>
 
-// Senders of all handles and threads share what one of them has found out.
+// Senders of all handles and threads share what one of them has found out. Without a lock: a child that is
+// forked meanwhile would find it taken.
 struct LogDaemon {
     // When the wait for a daemon that does not read began, in ns of the monotonic clock; 0 while it reads.
     std::atomic<std::int64_t> waiting_since{0};
     std::atomic<bool> stuck{false}; // a wait ran out, and no send has succeeded since
     // What was waited for a daemon that reads, but slowly, in the present stretch of time, in ns.
     std::atomic<std::int64_t> spent{0};
-    std::mutex mutex; // for the next two, and for changing `spent`
     std::atomic<std::int64_t> stretch_begun{0};
-    std::int64_t counted_until = 0; // waits at the same time count once
+    std::atomic<std::int64_t> counted_until{0}; // waits at the same time count once
 };
 
 namespace {
@@ -51,10 +50,10 @@ std::int64_t now() {
     return time.tv_sec * std::int64_t{1'000'000'000} + time.tv_nsec;
 }
 
-// The state of a daemon lasts as long as the process, since any handle may talk to it again; called under
-// loglibmutex.
+// The state of a daemon lasts as long as the process, since any handle may talk to it again, and threads may
+// still write while it exits; called under loglibmutex.
 LogDaemon *daemon_at(const std::string &address) {
-    static std::map<std::string, std::unique_ptr<LogDaemon>> daemons;
+    static auto &daemons = *new std::map<std::string, std::unique_ptr<LogDaemon>>;
     std::unique_ptr<LogDaemon> &daemon = daemons[address];
     if (daemon == nullptr)
         daemon = std::make_unique<LogDaemon>();
@@ -133,7 +132,7 @@ bool is_full(int error) {
 }
 
 // Tries until the daemon reads again, or the wait that all senders share has run out; `begun` is when this
-// sender's first attempt began.
+// sender's first attempt failed.
 int keep_trying(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record, std::int64_t begun) {
     LogDaemon &daemon = *plogobj->daemon;
     int error = EAGAIN;
@@ -157,13 +156,13 @@ int keep_trying(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record, std::i
 void count_wait(LogDaemon &daemon, std::int64_t begun, std::int64_t ended) {
     if (ended - begun < short_wait)
         return;
-    const std::lock_guard lock(daemon.mutex);
-    if (ended > daemon.stretch_begun + stretch) {
-        daemon.stretch_begun = begun;
+    std::int64_t since = daemon.stretch_begun;
+    if (ended > since + stretch && daemon.stretch_begun.compare_exchange_strong(since, begun))
         daemon.spent = 0;
+    std::int64_t until = daemon.counted_until;
+    while (until < ended && !daemon.counted_until.compare_exchange_weak(until, ended)) {
     }
-    daemon.spent += std::max<std::int64_t>(ended - std::max(begun, daemon.counted_until), 0);
-    daemon.counted_until = std::max(daemon.counted_until, ended);
+    daemon.spent += std::max<std::int64_t>(ended - std::max(begun, until), 0);
 }
 
 bool may_wait(const LOGLIB_OBJ *plogobj, const LogDaemon &daemon, std::int64_t time) {
@@ -176,15 +175,17 @@ bool may_wait(const LOGLIB_OBJ *plogobj, const LogDaemon &daemon, std::int64_t t
 
 int send_record(const LOGLIB_OBJ *plogobj, const EVENTC_LOG_INFO &record) {
     LogDaemon &daemon = *plogobj->daemon;
-    const std::int64_t begun = now();
-    const bool wait = may_wait(plogobj, daemon, begun);
-    int error = attempt(plogobj, record, wait);
-    while (error == EINTR && !wait)
+    // Not waiting yet: a sender that has lost its processor meanwhile has not waited for the daemon.
+    int error = EINTR;
+    while (error == EINTR)
         error = attempt(plogobj, record, false);
-    if (is_full(error) && wait)
-        error = keep_trying(plogobj, record, begun);
-    if (wait)
-        count_wait(daemon, begun, now());
+    if (error == EAGAIN) {
+        const std::int64_t begun = now();
+        if (may_wait(plogobj, daemon, begun)) {
+            error = keep_trying(plogobj, record, begun);
+            count_wait(daemon, begun, now());
+        }
+    }
     // It reads again, or is gone: what was waited for is over.
     if (!is_full(error) && (daemon.stuck || daemon.waiting_since != 0)) {
         daemon.waiting_since = 0;
