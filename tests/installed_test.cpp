@@ -8,8 +8,9 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
+#include <optional>
 #include <regex>
-#include <set>
 #include <thread>
 
 namespace {
@@ -67,14 +68,25 @@ TEST(Installed, TakesItsSettingsFromTheTree) {
     unsetenv("ZYN_TEST_CALLS");
 }
 
-// What the event daemon receives of a run: the start, the lines of the user log as far as the level lets
-// them through, the end.
-TEST_F(LogTree, RecordsOfARunReachTheDaemon) {
+// Runs in an installation with an event daemon; three servers of which one answers.
+class Run : public LogTree {
+protected:
+    Run() {
+        std::filesystem::create_directory("bin");
+        for (const char *type : {"trnsv", "rexec"})
+            folder.write(std::string("etc/policy/") + type + ".pol", "<root/>");
+    }
+    std::vector<std::string> command() const {
+        return {"/bin/sh", "-c",
+                "exec " ZYN_INSTALLED " --script run.sh -h 127.0.0.98,127.0.0.1,127.0.0.99 -o $PWD/log -p " +
+                    std::to_string(peer.port()) + " 2>&1"};
+    }
     const Peer peer;
-    for (const char *directory : {"bin", "etc/policy"})
-        std::filesystem::create_directories(directory);
-    for (const char *type : {"trnsv", "rexec"})
-        folder.write(std::string("etc/policy/") + type + ".pol", "<root/>");
+};
+
+// What the event daemon receives: the start, the lines of the user log as far as the level lets them
+// through, those of each thread in its order, the end.
+TEST_F(Run, RecordsReachTheDaemon) {
     configure("<rexec><log><level>2</level><size>5000</size></log></rexec>");
     const Receiver daemon(folder / "tmp/sockevent");
     std::vector<EVENTC_LOG_INFO> records;
@@ -82,31 +94,69 @@ TEST_F(LogTree, RecordsOfARunReachTheDaemon) {
         while (records.empty() || from_network(records.back().dest) != EVENTC_REQ_TERMINATE)
             records.push_back(daemon.take(10000));
     });
-    const Finished finished = run({ZYN_INSTALLED, "--script", "run.sh", "-p", std::to_string(peer.port()),
-                                   "-o", folder / "log", "-h", "127.0.0.1,127.0.0.99"});
-    EXPECT_EQ(finished.exit, 0);
+    Program program(command());
+    const pid_t pid = program.pid();
+    EXPECT_EQ(program.finish().exit, 0);
     reader.join();
+    EXPECT_TRUE(daemon.take_all().empty()) << "behind the end";
     ASSERT_GT(records.size(), 4U);
     EXPECT_EQ(from_network(records[0].dest), EVENTC_REQ_INITIALIZE);
     EXPECT_EQ(from_network(records[0].destinfo.init.loglevel), 2);
     EXPECT_EQ(from_network(records[0].destinfo.init.logsize), 5000);
+    EXPECT_EQ(from_network(records[1].dest), EVENTC_REQ_INITIALIZE);
     EXPECT_STREQ(records[1].type, "uptime");
-    // Level, source and its line, function and text of a line in either form.
-    const std::regex record_line("^(.) [^\\]]*\\]([a-z]*):([0-9]*) * (.{15}) "),
-        user_line("^(.) [^\\]]*\\]([0-9]*):([a-z]*) * (.{15}).  ");
-    std::multiset<std::string> sent, wanted;
+    for (const EVENTC_LOG_INFO &record : records)
+        EXPECT_EQ(from_network(record.pid), pid);
+    std::map<std::string, std::string> sent, wanted; // by thread, which both name in their own way
     for (std::size_t i = 2; i + 1 < records.size(); ++i) {
         EXPECT_EQ(from_network(records[i].dest), EVENTC_REQ_LOCAL);
         EXPECT_STREQ(records[i].type, "rexec");
         const std::string line = records[i].destinfo.local.msg;
-        sent.insert(line.substr(0, 2) + line.substr(line.find(']') + 1 + 16 + 1 + 15 + 1));
+        const std::int32_t tid = from_network(records[i].tid);
+        const std::string thread = tid == pid ? std::string(5, ' ') : std::to_string(tid);
+        EXPECT_EQ(line.find(thread + "]"), line.find(']') - thread.size()) << line;
+        sent[thread] += line.substr(0, 2) + line.substr(line.find(']') + 1 + 16 + 1 + 15 + 1);
     }
-    for (const std::string &line : split(read_file(folder / "log")))
-        if (line.starts_with("E ") || line.starts_with("W "))
-            wanted.insert(line.substr(0, 2) + line.substr(line.find(']') + 1 + 5 + 1 + 10 + 1 + 16 + 2) +
-                          "\n");
+    for (const std::string &line : split(read_file("log")))
+        if (const std::size_t end = line.find(']'); line.starts_with("E ") || line.starts_with("W "))
+            wanted[line.substr(end - 8, 8)] +=
+                line.substr(0, 2) + line.substr(end + 1 + 5 + 1 + 10 + 1 + 16 + 2) + "\n";
     EXPECT_GT(wanted.size(), 2U);
-    EXPECT_TRUE(std::includes(sent.begin(), sent.end(), wanted.begin(), wanted.end()));
+    std::string left;
+    for (const auto &[thread, lines] : wanted)
+        left += lines;
+    for (auto &[thread, lines] : sent) {
+        if (thread.front() == ' ')
+            lines.erase(0, lines.find("E $Revision")); // before the user log was opened
+        ASSERT_NE(left.find(lines), left.npos) << lines;
+        left.erase(left.find(lines), lines.size());
+    }
+    EXPECT_EQ(left, "");
+}
+
+// A daemon that is not there, one that never reads, one that stops: a run is the same beside each.
+TEST_F(Run, DaemonThatDoesNotReadIsNotSeen) {
+    configure("<rexec><log><level>32</level></log></rexec>");
+    for (const int taken : {-1, 0, 3}) {
+        std::optional<Receiver> daemon;
+        if (taken >= 0)
+            daemon.emplace(folder / "tmp/sockevent");
+        if (taken == 0)
+            daemon->fill();
+        std::jthread reader([&] {
+            for (int i = 0; i < taken; ++i)
+                EXPECT_STREQ(daemon->take(10000).magicno, EVENTC_MAGICNO);
+        });
+        const Finished finished = run(command());
+        EXPECT_EQ(finished.exit, 0);
+        std::vector<std::string> lines = split(finished.output);
+        std::sort(lines.begin(), lines.end());
+        EXPECT_EQ(lines, (std::vector<std::string>{"  script exitcode=3", "Connect 127.0.0.98: Failed ",
+                                                   "Connect 127.0.0.99: Failed ",
+                                                   "EXEC_SCRIPT 127.0.0.1 : Success "}));
+        reader.join();
+        EXPECT_TRUE(!daemon || from_network(daemon->take_all().back().dest) != EVENTC_REQ_TERMINATE);
+    }
 }
 
 } // namespace
