@@ -90,7 +90,7 @@ request() {
 request --notice -k SLOW &
 request --failover -r disk
 request --failover 'a,"b"'
-request --failover none
+request --failover $'no\nne'
 for server in 127.0.0.2 127.0.0.3; do
     request --failover 'a,"b"' -h $server
 done
@@ -118,7 +118,7 @@ expect_rows() {
 expect_rows group <<'CSV'
 T,"disk","failover","success",,T,T,slow
 T,"a,""b""","failover","success",,T,T,fast
-T,"none","failover","no such group",,T,T,fast
+T,"no\nne","failover","no such group",,T,T,fast
 T,"a,""b""","failover","77",,T,T,fast
 T,"a,""b""","failover","-1",,T,T,fast
 CSV
