@@ -80,7 +80,7 @@ Decision decide_monitors(Cluster &cluster, const Request &request, const std::st
         return {.status = TRANS_RES_STAT_FAIL_NOEXISTRSC};
     }
     Decision decision{};
-    std::vector<MonitorResult> results;
+    std::vector<MonitorResult> &results = decision.outcome.monitors;
     for (Monitor *one : monitors) {
         const bool notice = request.kind == RequestKind::notice;
         results.push_back(notice ? notice_one(*one, server) : clear_one(*one, server));
@@ -88,7 +88,6 @@ Decision decide_monitors(Cluster &cluster, const Request &request, const std::st
         decision.note +=
             (decision.note.empty() ? "" : ", ") + one->name + "=" + std::to_string(results.back().result);
     }
-    decision.payload = encode_monitor_results(results);
     return decision;
 }
 
@@ -102,7 +101,7 @@ Decision decide_script(Cluster &cluster, const Request &request, const std::stri
     }
     Decision decision{.status = script->status};
     if (decision.status == TRANS_RES_STAT_SUCCESS) {
-        decision.payload = encode_script_result(script->exitcode);
+        decision.outcome.exitcode = script->exitcode;
         decision.note = "exit code " + std::to_string(script->exitcode);
     }
     return timed(std::move(decision), script->delay, request.timeout);
@@ -166,8 +165,8 @@ Outgoing compose(const Cluster &cluster, const Request &request, const Decision 
                  .delay = decision.delay};
     // Unsigned, since the code is the client's and may be the largest there is.
     out.header.code = static_cast<std::int32_t>(static_cast<std::uint32_t>(request.header.code) + 1U);
-    if (!decision.payload.empty()) {
-        out.body = encode_answer_body(decision.payload);
+    if (const Bytes payload = encode_outcome(decision.outcome); !payload.empty()) {
+        out.body = encode_answer_body(payload);
         out.header.size = out.header.allsize = static_cast<std::uint32_t>(out.body.size());
     }
     return out;

@@ -15,7 +15,7 @@ struct ScriptOrder {
 
 struct Decision {
     std::int32_t status = 0;
-    Bytes payload{}; // empty: the answer has no body
+    Outcome outcome{}; // empty: the answer has no body
     Milliseconds delay{0};
     std::string note{}; // for the journal
     std::optional<ScriptOrder> script{};

@@ -20,6 +20,7 @@ struct Exchange {
     Request request{};
     std::int32_t code = 0;   // the request's
     std::int32_t status = 0; // the answer's; -1 when a hook or a fault left no whole header
+    Outcome outcome{};       // also of an answer that a fault kept back
     std::string note{};      // what else happened, for the journal
     std::string problem{};   // why the packet was refused; the connection was closed
     Bytes request_bytes{};   // header and variable part as they came

@@ -1,7 +1,10 @@
-// zynrehearse: a stand-in data transfer server, and a stand-in event daemon, to rehearse against.
+// zynrehearse: stand-ins for a data transfer server, the event daemon and a metrics collector, to rehearse
+// against.
+#include "collect.h"
 #include "events/daemon.h"
 #include "events/table.h"
 #include "install_tree.h"
+#include "measure.h"
 #include "server.h"
 
 #include <CLI/CLI.hpp>
@@ -17,6 +20,7 @@
 #include <iostream>
 #include <optional>
 #include <string_view>
+#include <thread>
 
 #include <fcntl.h>
 #include <unistd.h>
@@ -33,6 +37,8 @@ struct Arguments {
     std::optional<std::filesystem::path> install_tree{};
     rehearsal::EventOptions events{};
     std::optional<std::string> set_level{};
+    std::optional<std::uint16_t> collect{}; // port
+    bool measure = false;
     bool quiet = false;
     bool listens = true; // plays the data transfer server
     bool has_events = false;
@@ -67,9 +73,10 @@ void declare(CLI::App &app, Arguments &arguments) {
     app.add_option("-p,--port", server.port, "Port of every address; 0 picks a free one")
         ->type_name("PORT")
         ->default_str("0");
-    app.add_option("--port-file", arguments.port_file,
-                   "Write the port into this file once everything is ready: that of --listen, that of\n"
-                   "--event-port without it, both, in this order, with both")
+    app.add_option(
+           "--port-file", arguments.port_file,
+           "Write the ports into this file once everything is ready, a line each: those of --listen,\n"
+           "--event-port and --collect, as far as they are played, in this order")
         ->type_name("FILE");
     app.add_option("-c,--cluster", server.cluster_file,
                    "The pretended cluster, an XML file; without it the cluster is empty")
@@ -83,12 +90,23 @@ void declare(CLI::App &app, Arguments &arguments) {
     app.add_option("--dump", server.dumps,
                    "Write the bytes of each packet into numbered files of this folder")
         ->type_name("DIR");
-    app.add_flag("-q,--quiet", arguments.quiet, "Print no line for each exchange or record");
+    app.add_flag("-m,--measure", arguments.measure,
+                 "Measure failovers, scripts, notices and clears into the performance logs group, script\n"
+                 "and monitor, as a resident module does, and pass the monitors' response times to the\n"
+                 "metrics collector. It takes an event daemon that runs, and the installation where the\n"
+                 "command would find it, whose configuration switches the logs on");
+    app.add_flag("-q,--quiet", arguments.quiet, "Print no line for each exchange, record or metric");
     app.add_option("--install-tree", arguments.install_tree,
                    "Lay out an installation of the command in this folder, tell how to use it, and end;\n"
                    "changed settings that are there already stay. Stands alone")
         ->type_name("DIR");
     declare_events(app, arguments);
+    app.add_option(
+           "--collect", arguments.collect,
+           "Play the metrics collector: take StatsD lines at this UDP port of 127.0.0.1 and ::1, and\n"
+           "print each, or that it is malformed; 0 picks a free port. No data transfer server then,\n"
+           "unless --listen is given, too")
+        ->type_name("PORT");
     app.footer(
         "Faults, written [check-|request-|terminate-|all-]NAME[:N]; the prefix chooses which exchange is\n"
         "struck in place of the usual one (for most the request):\n" +
@@ -109,9 +127,9 @@ constexpr auto rules = std::to_array<Rule>({
     {"--event-port", "--events", false},
     {"--event-queue", "--events", false},
 });
-// With --events these need --listen: they are of the data transfer server alone.
+// With --events or --collect these need --listen: they are of the data transfer server alone.
 constexpr auto server_options =
-    std::to_array<const char *>({"--port", "--cluster", "--fault", "--script", "--dump"});
+    std::to_array<const char *>({"--port", "--cluster", "--fault", "--script", "--dump", "--measure"});
 
 void check_rule(const CLI::App &app, const Rule &rule) {
     if (rule.needs != nullptr && app.count(rule.needs) == 0)
@@ -129,14 +147,15 @@ void check_roles(const CLI::App &app, Arguments &arguments) {
         if (app.count(rule.option) > 0)
             check_rule(app, rule);
     arguments.has_events = app.count("--events") > 0;
-    arguments.listens = !arguments.has_events || app.count("--listen") > 0;
+    arguments.listens = (!arguments.has_events && !arguments.collect) || app.count("--listen") > 0;
     if (arguments.listens)
         return;
     for (const char *option : server_options)
         if (app.count(option) > 0)
-            throw CLI::ValidationError(option, "needs --listen beside --events");
-    if (app.count("--port-file") > 0 && !arguments.events.port)
-        throw CLI::ValidationError("--port-file", "needs --listen or --event-port beside --events");
+            throw CLI::ValidationError(option, "needs --listen beside --events or --collect");
+    if (app.count("--port-file") > 0 && !arguments.events.port && !arguments.collect)
+        throw CLI::ValidationError("--port-file",
+                                   "needs --listen, --event-port or --collect beside --events");
 }
 
 // Splits ADDRESS=FAULT at the first equals sign.
@@ -173,42 +192,83 @@ void fill_standard_descriptors() {
     }
 }
 
-// Starts the data transfer server and tells where it listens.
-void start_server(rehearsal::Server &server, std::vector<unsigned> &ports) {
-    server.start();
+// Tells where the data transfer server listens.
+void tell_server(const rehearsal::Server &server) {
     for (const std::string &address : server.addresses()) {
         std::cout << "listening on " << address << " port " << server.port() << '\n';
     }
     std::cout.flush();
-    ports.push_back(server.port());
 }
 
-void start_events(asio::io_context &io, Arguments &arguments, std::optional<rehearsal::EventDaemon> &daemon,
-                  std::vector<unsigned> &ports) {
-    arguments.events.journal = arguments.quiet ? -1 : STDOUT_FILENO;
-    daemon.emplace(io, arguments.events);
-    daemon->tell(std::cout);
-    if (arguments.events.port)
-        ports.push_back(daemon->port());
+// What is played beside the server, on a thread of its own: the server's own records come to it while logs
+// are opened and closed.
+class SideRoles {
+public:
+    explicit SideRoles(Arguments &arguments) {
+        const int journal = arguments.quiet ? -1 : STDOUT_FILENO;
+        arguments.events.journal = journal;
+        if (arguments.has_events)
+            events_.emplace(io_, arguments.events);
+        if (arguments.collect)
+            collector_.emplace(io_, *arguments.collect, journal);
+        thread_ = std::thread([this] { io_.run(); });
+    }
+    ~SideRoles() {
+        io_.stop();
+        thread_.join();
+    }
+    SideRoles(const SideRoles &) = delete;
+    SideRoles &operator=(const SideRoles &) = delete;
+
+    void tell(std::vector<unsigned> &ports) const {
+        if (events_)
+            events_->tell(std::cout);
+        if (events_ && events_->port() != 0)
+            ports.push_back(events_->port());
+        if (collector_) {
+            collector_->tell(std::cout);
+            ports.push_back(collector_->port());
+        }
+    }
+
+private:
+    asio::io_context io_;
+    std::optional<rehearsal::EventDaemon> events_;
+    std::optional<rehearsal::Collector> collector_;
+    std::thread thread_;
+};
+
+void start_measuring(std::optional<rehearsal::Measurements> &measurements, rehearsal::Options &server) {
+    measurements.emplace();
+    server.hook = [&measurements](const rehearsal::Exchange &exchange) {
+        measurements->begin(exchange);
+        return std::nullopt;
+    };
+    server.observer = [&measurements](const rehearsal::Exchange &exchange) { measurements->end(exchange); };
 }
 
 int serve(Arguments &arguments) {
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);
     asio::io_context io;
-    std::optional<rehearsal::EventDaemon> daemon;
     asio::signal_set signals(io, SIGINT, SIGTERM);
     signals.async_wait([&io](const asio::error_code &, int) { io.stop(); });
     rehearsal::raise_descriptor_limit();
 
+    const SideRoles side(arguments);
+    std::optional<rehearsal::Measurements> measurements;
+    if (arguments.measure)
+        start_measuring(measurements, arguments.server);
     std::vector<unsigned> ports;
     arguments.server.record = false;
     arguments.server.journal = arguments.quiet ? -1 : STDOUT_FILENO;
     rehearsal::Server server(std::move(arguments.server));
-    if (arguments.listens)
-        start_server(server, ports);
-    if (arguments.has_events)
-        start_events(io, arguments, daemon, ports);
+    if (arguments.listens) {
+        server.start();
+        tell_server(server);
+        ports.push_back(server.port());
+    }
+    side.tell(ports);
     if (!arguments.port_file.empty()) {
         write_ports(arguments.port_file, ports);
     }
@@ -224,7 +284,8 @@ int main(int argc, char **argv) {
     CLI::App app(
         "A stand-in data transfer server: answers check, failover, script, notice, clear and farewell\n"
         "for a pretended cluster, so that a drill can be rehearsed without a real one. With --events a\n"
-        "stand-in event daemon, which takes the records of the log library.",
+        "stand-in event daemon, which takes the records of the log library, with --collect a stand-in\n"
+        "metrics collector.",
         "zynrehearse");
     Arguments arguments;
     declare(app, arguments);

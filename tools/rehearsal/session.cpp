@@ -91,6 +91,7 @@ void Session::decide() {
     }
     Decision decision = engine_.ask_cluster(exchange_);
     exchange_.note = decision.note;
+    exchange_.outcome = decision.outcome;
     if (decision.script) {
         run_script(std::move(decision));
     } else {
@@ -105,7 +106,7 @@ void Session::run_script(Decision decision) {
                          Decision now = decision;
                          now.status = result.status;
                          if (result.status == TRANS_RES_STAT_SUCCESS) {
-                             now.payload = encode_script_result(result.exitcode);
+                             self->exchange_.outcome.exitcode = now.outcome.exitcode = result.exitcode;
                              self->add_note("exit code " + std::to_string(result.exitcode));
                          }
                          self->deliver(self->engine_.answer(self->exchange_, now));

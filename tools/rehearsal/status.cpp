@@ -61,10 +61,14 @@ constexpr std::array<StatusRow, 42> statuses{{
 
 } // namespace
 
-std::string_view status_name(std::int32_t status) {
+std::optional<std::string_view> find_status_name(std::int32_t status) {
     const auto *row = std::find_if(statuses.begin(), statuses.end(),
                                    [status](const StatusRow &one) { return one.status == status; });
-    return row == statuses.end() ? "not a known status" : row->name;
+    return row == statuses.end() ? std::nullopt : std::optional(row->name);
+}
+
+std::string_view status_name(std::int32_t status) {
+    return find_status_name(status).value_or("not a known status");
 }
 
 } // namespace rehearsal

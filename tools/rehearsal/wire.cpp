@@ -115,6 +115,28 @@ std::string quoted(std::string_view text) {
 constexpr std::array<std::string_view, 8> kind_names{"check",  "terminate", "failover",   "script",
                                                      "notice", "clear",     "unknown-id", "unknown-code"};
 
+Bytes encode_script_result(std::int32_t exitcode) {
+    Bytes bytes(sizeof(ZYNEXECSCRIPT_EX_OUT_PARAM));
+    put_i32(bytes, offsetof(ZYNEXECSCRIPT_EX_OUT_PARAM, sreturn), exitcode);
+    return bytes;
+}
+
+Bytes encode_monitor_results(const std::vector<MonitorResult> &results) {
+    Bytes bytes(sizeof(ZYNEXEC_EXNOTICE_OUT_PARAM) + results.size() * sizeof(TRNSV_MRW_OUT_INFO));
+    put_u32(bytes, offsetof(ZYNEXEC_EXNOTICE_OUT_PARAM, monnum), static_cast<std::uint32_t>(results.size()));
+    std::size_t at = sizeof(ZYNEXEC_EXNOTICE_OUT_PARAM);
+    for (const MonitorResult &one : results) {
+        put_text(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, name), TRNSV_NAME_LEN, one.name);
+        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, acttype), one.acttype);
+        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, action), one.action);
+        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, result), one.result);
+        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, sresult), one.preaction_status);
+        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, sreturn), one.preaction_exitcode);
+        at += sizeof(TRNSV_MRW_OUT_INFO);
+    }
+    return bytes;
+}
+
 } // namespace
 
 Header decode_header(std::span<const unsigned char, header_size> bytes) {
@@ -221,26 +243,10 @@ Bytes encode_answer_body(const Bytes &payload) {
     return bytes;
 }
 
-Bytes encode_script_result(std::int32_t exitcode) {
-    Bytes bytes(sizeof(ZYNEXECSCRIPT_EX_OUT_PARAM));
-    put_i32(bytes, offsetof(ZYNEXECSCRIPT_EX_OUT_PARAM, sreturn), exitcode);
-    return bytes;
-}
-
-Bytes encode_monitor_results(const std::vector<MonitorResult> &results) {
-    Bytes bytes(sizeof(ZYNEXEC_EXNOTICE_OUT_PARAM) + results.size() * sizeof(TRNSV_MRW_OUT_INFO));
-    put_u32(bytes, offsetof(ZYNEXEC_EXNOTICE_OUT_PARAM, monnum), static_cast<std::uint32_t>(results.size()));
-    std::size_t at = sizeof(ZYNEXEC_EXNOTICE_OUT_PARAM);
-    for (const MonitorResult &one : results) {
-        put_text(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, name), TRNSV_NAME_LEN, one.name);
-        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, acttype), one.acttype);
-        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, action), one.action);
-        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, result), one.result);
-        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, sresult), one.preaction_status);
-        put_i32(bytes, at + offsetof(TRNSV_MRW_OUT_INFO, sreturn), one.preaction_exitcode);
-        at += sizeof(TRNSV_MRW_OUT_INFO);
-    }
-    return bytes;
+Bytes encode_outcome(const Outcome &outcome) {
+    if (outcome.exitcode)
+        return encode_script_result(*outcome.exitcode);
+    return outcome.monitors.empty() ? Bytes() : encode_monitor_results(outcome.monitors);
 }
 
 void put_u32(Bytes &bytes, std::size_t offset, std::uint32_t value) {

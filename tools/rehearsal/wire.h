@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -64,6 +65,12 @@ struct MonitorResult {
     std::int32_t preaction_exitcode = 0;
 };
 
+// What came of a request, beyond its status.
+struct Outcome {
+    std::optional<std::int32_t> exitcode{}; // of a script that ended
+    std::vector<MonitorResult> monitors{};  // those that were told, in the order of the cluster
+};
+
 // Decodes the header_size bytes at `bytes`.
 Header decode_header(std::span<const unsigned char, header_size> bytes);
 
@@ -84,8 +91,8 @@ std::string describe(const Request &request);
 Bytes encode_header(const Header &header);
 // Variable part of an execute-parameter answer: return value 0, the length, the payload.
 Bytes encode_answer_body(const Bytes &payload);
-Bytes encode_script_result(std::int32_t exitcode);
-Bytes encode_monitor_results(const std::vector<MonitorResult> &results);
+// What it carries; empty when there is nothing.
+Bytes encode_outcome(const Outcome &outcome);
 
 // Writes `value` big-endian over the four bytes at `offset`, which must lie inside `bytes`.
 void put_u32(Bytes &bytes, std::size_t offset, std::uint32_t value);

@@ -13,11 +13,6 @@ namespace {
 
 constexpr std::int32_t most_generations = 99; // each rotation renames them all
 
-std::string log_name(const EVENTC_LOG_INFO &record) {
-    return record.perflogname[0] != '\0' ? std::string(record.perflogname) + ".csv"
-                                         : std::string(record.type) + ".log";
-}
-
 std::string with_note(const std::string &note) {
     return note.empty() ? note : "; " + note;
 }
@@ -83,8 +78,18 @@ fs::path Modules::directory(const EVENTC_LOG_INIT &init, std::string &note) cons
     return usual_log_directory;
 }
 
+// Only the record that announces a performance log has to name its file.
+std::string Modules::log_name(const EVENTC_LOG_INFO &record) const {
+    std::string perf = record.perflogname;
+    if (const auto known = perf_names_.find(record.type); perf.empty() && known != perf_names_.end())
+        perf = known->second;
+    return perf.empty() ? std::string(record.type) + ".log" : perf + ".csv";
+}
+
 std::string Modules::initialize(const EVENTC_LOG_INFO &record) {
     const EVENTC_LOG_INIT &init = record.destinfo.init;
+    if (record.dest == EVENTC_REQ_INITIALIZE)
+        perf_names_.erase(record.type);
     const std::string name = log_name(record);
     std::string note;
     if (!files_.set(name, {.size = usable_size(init.logsize),
@@ -92,6 +97,8 @@ std::string Modules::initialize(const EVENTC_LOG_INFO &record) {
                            .header = init.header,
                            .directory = directory(init, note)}))
         return "refused: too many logs";
+    if (record.perflogname[0] != '\0')
+        perf_names_[record.type] = record.perflogname;
     const bool again = record.dest == EVENTC_REQ_REINITIALIZE;
     const std::string problem = again ? table_.set(record.type, init.loglevel, init.logsize, init.logtype)
                                       : table_.enter(record.type, init.loglevel, init.logsize, init.logtype);

@@ -6,6 +6,7 @@
 #include "events/table.h"
 
 #include <filesystem>
+#include <map>
 #include <set>
 #include <string>
 
@@ -28,12 +29,14 @@ private:
     std::string append(const EVENTC_LOG_INFO &record);
     std::string change_level(const EVENTC_LOG_INFO &record);
     std::string change_size(const EVENTC_LOG_INFO &record);
+    std::string log_name(const EVENTC_LOG_INFO &record) const;
     std::filesystem::path directory(const EVENTC_LOG_INIT &init, std::string &note) const;
 
     std::filesystem::path tree_;
     LogFiles files_;
     LevelTable table_;
-    std::set<std::string> telling_{}; // logs whose start and end are told
+    std::set<std::string> telling_{};                 // logs whose start and end are told
+    std::map<std::string, std::string> perf_names_{}; // of performance logs by their module types
 };
 
 } // namespace rehearsal

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <type_traits>
 
@@ -35,6 +36,9 @@ enum : std::int32_t {
     LOG_ERR_CONFIG = 15,    // the configuration library could not start
     LOG_ERR_POLICY = 17,    // a policy could not be loaded
     LOG_ERR_UNSET = 21,     // the event has no settings of its own; stays inside the library
+    LOG_ERR_LOGTYPE = 22,   // unknown kind of utility log
+    LOG_ERR_HSIZE = 23,     // header size outside 0 to 1024
+    LOG_ERR_PATH = 24,      // the path of a utility log is too long
     LOG_ERR_TEXT = 25,      // the text of the event cannot be formatted safely
     LOG_ERR_COMMAND = 26,   // a command line could not be built; stays inside the library
 };
@@ -70,6 +74,79 @@ std::int32_t log_write(void *phandle, std::int32_t level, std::int32_t eid, cons
 // Returns LOG_OK, LOG_ERR_PARAMETER for a null handle, or LOG_ERR_DAEMON where it could not be announced; the
 // handle is freed all the same.
 std::int32_t log_term(void *phandle);
+
+// Utility and performance logs: comma-separated lines of resident modules, which the event daemon keeps in
+// files of their own. Kinds:
+enum : std::int32_t {
+    LOG_TYPE_UTIL = 3,            // "\"DATE\",TEXT"
+    LOG_TYPE_UTIL_TEXT = 7,       // "DATE[PID] TEXT"
+    LOG_TYPE_GROUP = 0x10003,     // performance logs: one line an action of a group
+    LOG_TYPE_RESOURCE = 0x20003,  // ... of a resource
+    LOG_TYPE_MONITOR = 0x30003,   // ... of a monitor; its response times go to the metrics collector, too
+    LOG_TYPE_HEARTBEAT = 0x40003, // one line an interval of a heartbeat
+};
+
+// Opens such a log and announces it to the event daemon.
+//   modtype      module type name, at most 31 characters. A performance log takes it for its file, and
+//                "MODTYPE_perf", at most 31 characters kept, for its module type
+//   pphandle     receives the handle; the caller ends it with log_util_term
+//   level, path  as for log_init, path at most 1009 characters
+//   fsize        bytes of a file; 0 and below take the configured default
+//   rotate       files kept
+//   hsize        bytes of `header`, its NUL included, 0 to 1024; 0 for none
+//   header       first line of each file, without a line end, or null
+// Returns LOG_OK, LOG_ERR_PARAMETER, LOG_ERR_LOGTYPE, LOG_ERR_HSIZE, LOG_ERR_PATH or a code of log_init; on
+// failure *pphandle is null. Any thread may call it.
+std::int32_t log_util_init(const char *modtype, void **pphandle, std::int32_t logtype, std::int32_t level,
+                           std::int32_t fsize, std::int32_t rotate, std::int32_t hsize, const char *header,
+                           const char *path);
+
+// Writes one line of at most 511 bytes with its time stamp; what is longer is cut. The log of heartbeats
+// writes nothing while their collection is switched off. Returns LOG_OK, LOG_ERR_PARAMETER for a null handle,
+// or LOG_ERR_DAEMON. Any thread may call it.
+std::int32_t log_util_write(void *phandle, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+
+// Announces the log's end to the event daemon and frees the handle. Returns as log_term.
+std::int32_t log_util_term(void *phandle);
+
+// Where the ticks of a measurement come from.
+enum : std::int32_t {
+    LOG_TICK_CLOCK = 0,  // xmllib_times, now
+    LOG_TICK_CALLER = 1, // the caller's own reading of that clock
+    LOG_TICK_NONE = 2,   // not measured
+};
+inline constexpr std::int32_t LOG_RETCODE_NONE = 0x7fffffff; // the action has no return code
+
+// A measurement between its start and its end, the caller's.
+struct log_perf_info {
+    std::int32_t ms_start;    // milliseconds of the start time
+    std::uint64_t tick_start; // clock ticks
+    std::int32_t perfself;    // 0
+    std::tm tm_start;         // local time
+};
+
+// Opens a performance log (LOG_TYPE_GROUP to LOG_TYPE_HEARTBEAT) with size, rotation, switch and header of
+// its kind, and for monitors the metrics emitter, where that is configured; without it the log works all the
+// same. Returns LOG_ERR_PARAMETER for another kind, or as log_util_init. Ended with log_util_perf_term.
+std::int32_t log_util_perf_init(void **pphandle, const char *modtype, std::int32_t logtype);
+
+// Notes the start of an action, `tickuse` telling whether from the clock or from `tickstart`, ticks. Returns
+// LOG_OK, or LOG_ERR_PARAMETER for a null record.
+std::int32_t log_util_perf_start(log_perf_info *perfinfo, std::int32_t tickuse, std::uint64_t tickstart);
+
+// Notes its end: writes a line, where collection is switched on, and hands the response time in milliseconds
+// to the metrics emitter. An end before its start, or a clock that could not be read, counts as 0 ms. Quotes
+// in the three texts are doubled, line ends become blanks, and texts that do not fit the line are cut.
+//   name, action, result  NUL-terminated
+//   retcode               LOG_RETCODE_NONE for none
+//   tickuse, tickend      as at the start; with LOG_TICK_NONE times stay empty, and the emitter gets nothing
+// Returns as log_util_write; a metric that could not be sent is no failure.
+std::int32_t log_util_perf_end(void *phandle, const log_perf_info *perfinfo, const char *name,
+                               const char *action, const char *result, std::int32_t retcode,
+                               std::int32_t tickuse, std::uint64_t tickend);
+
+// Ends the emitter and the log. Returns as log_term.
+std::int32_t log_util_perf_term(void *phandle);
 
 // Copies a finished text into `doubled` of `size` bytes and doubles each per cent sign that is not half of
 // a "%%", for callers that hand finished text to log_write as its format: no conversion is left in it.

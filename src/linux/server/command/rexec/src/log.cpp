@@ -2,17 +2,14 @@
 #include "log.h"
 
 #include "cancel.h"
-#include "log/config.h"
 #include "log/event.h"
+#include "log/handle.h"
 #include "log/line.h"
 #include "log/send.h"
 #include "shmlog.h"
 
 #include <cstdarg>
-#include <cstring>
-#include <memory>
 #include <new>
-#include <string_view>
 
 std::recursive_mutex loglibmutex;
 std::int32_t dbgprint = 0;
@@ -22,76 +19,16 @@ namespace {
 
 constexpr std::size_t message_size = 512;
 
-template <std::size_t N>
-void copy_text(char (&field)[N], const char *text) {
-    std::string_view(text).copy(field, N - 1);
-}
-
-bool takes_default_level(std::int32_t level) {
-    return level == 0 || level == LOG_LEVEL_EVENT;
-}
-
-void set_up(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t level, std::int32_t size,
-            const char *path) {
-    copy_text(plogobj->modtype, modtype);
-    plogobj->level = takes_default_level(level) ? plogobj->loginfo.loglevel : level;
-    plogobj->size = size > 0 ? size : plogobj->loginfo.logsize;
-    if (path != nullptr)
-        copy_text(plogobj->path, path);
-}
-
-// Announces a log to the daemon; `startendmsgflag` lets it note the module's start.
-bool announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t level, std::int32_t size,
-              std::int32_t startendmsgflag) {
-    EVENTC_LOG_INFO record;
-    log_cre_record(&record, EVENTC_REQ_INITIALIZE, type);
-    EVENTC_LOG_INIT &init = record.destinfo.init;
-    init.logsize = size;
-    init.loglevel = level;
-    init.startendmsgflag = startendmsgflag;
-    copy_text(init.dirpath, plogobj->path);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret != EVENTC_RECORD_LEN)
-        LOG_DEBUG("sendto err:%d", ret);
-    return ret == EVENTC_RECORD_LEN;
-}
-
-std::int32_t open_handle(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t level, std::int32_t size,
-                         const char *path) {
-    // The store's own trace must not read the store.
-    const bool fixed = std::string_view(modtype) == "xml";
-    if (const std::int32_t ret = fixed ? log_get_fixed(&plogobj->loginfo) : log_get_config(&plogobj->loginfo);
-        ret != LOG_OK)
-        return ret;
-    set_up(plogobj, modtype, level, size, path);
-    if (const std::int32_t ret = log_setup_sock(plogobj); ret != LOG_OK) {
-        LOG_DEBUG("socket err:%d", ret);
-        return ret;
-    }
-    return announce(plogobj, plogobj->modtype, plogobj->level, plogobj->size, 1) ? LOG_OK : LOG_ERR_DAEMON;
-}
-
-// A handle that did not come to be gives its socket back.
-struct CloseHandle {
-    void operator()(LOGLIB_OBJ *plogobj) const {
-        log_close_sock(plogobj);
-        delete plogobj;
-    }
-};
-using Handle = std::unique_ptr<LOGLIB_OBJ, CloseHandle>;
-
 std::int32_t create_handle(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                            const char *path) {
     *pphandle = nullptr;
-    Handle plogobj(new (std::nothrow) LOGLIB_OBJ);
-    if (plogobj == nullptr) {
-        LOG_DEBUG("malloc err plogobj:%p", static_cast<void *>(nullptr));
+    LogHandle plogobj = log_new_handle();
+    if (plogobj == nullptr)
         return LOG_ERR_MEMORY;
-    }
-    if (const std::int32_t ret = open_handle(plogobj.get(), modtype, level, size, path); ret != LOG_OK)
+    if (const std::int32_t ret = log_open_handle(plogobj.get(), modtype, level, size, path, 1); ret != LOG_OK)
         return ret;
     const LOGLIB_INFO &info = plogobj->loginfo;
-    announce(plogobj.get(), "uptime", info.uptimelevel, info.uptimesize, 0);
+    log_announce(plogobj.get(), "uptime", info.uptimelevel, info.uptimesize, 0);
     plogobj->attached = shmlog_attach(nullptr, info.inspath, info.evepath) == SHMLOG_OK;
     *pphandle = plogobj.release();
     return LOG_OK;
@@ -210,14 +147,7 @@ std::int32_t log_term(void *phandle) {
     }
     const CancelDisabled whole;
     const std::lock_guard lock(loglibmutex);
-    const Handle ended(plogobj);
     if (plogobj->attached)
         shmlog_detach();
-    EVENTC_LOG_INFO record;
-    log_cre_record(&record, EVENTC_REQ_TERMINATE, plogobj->modtype);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_end_handle(plogobj);
 }

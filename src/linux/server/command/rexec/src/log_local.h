@@ -3,10 +3,12 @@
 
 #include "eventc.h"
 #include "log.h"
+#include "statsd.h"
 
 #include <atomic>
 #include <cstdint>
 #include <cstdio>
+#include <string_view>
 
 #include <netinet/in.h>
 #include <sys/un.h>
@@ -56,6 +58,17 @@ struct LOGLIB_OBJ {
     bool attached = false; // holds a reference to the shared level table
     char modtype[EVENTC_TYPE_LEN] = "";
     char path[EVENTC_PATH_LEN] = ""; // log directory, empty for the daemon's own
+
+    // Of utility and performance logs only.
+    std::int32_t rotate = 0;           // files kept
+    char header[EVENTC_PATH_LEN] = ""; // first line of each file, without its line end
+    std::int32_t perfcollect = 0;      // not 0: measurements are written
+    char perflogname[EVENTC_TYPE_LEN] = "";
+    STATSD_HANDLE statsd_handle = nullptr; // owned; monitors only
+    char clustername[256] = "";            // tags of the emitter
+    char servername[256] = "";
+    char statsd_modtype[256] = "";
+
     LOGLIB_INFO loginfo;
 };
 
@@ -66,6 +79,12 @@ extern std::atomic<std::int32_t> altsendflag; // 1: destinations of events come 
 // Diagnostics on standard output, off unless a debugger or a test sets them.
 extern std::int32_t dbgprint;
 extern std::int32_t dbgloglvl; // highest level of lines that are printed too
+
+// Cuts a text at the size of the field, which is zeroed.
+template <std::size_t N>
+void log_copy_text(char (&field)[N], const char *text) {
+    std::string_view(text).copy(field, N - 1);
+}
 
 #define LOG_DEBUG(format, ...)                                                                               \
     do {                                                                                                     \

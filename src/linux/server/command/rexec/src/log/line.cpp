@@ -33,7 +33,8 @@ char tag_of(std::int32_t level) {
 }
 
 // Kinds of log_cre_localmsg_ex that quote their time stamp.
-constexpr auto quoted_kinds = std::to_array<std::int32_t>({3, 0x10003, 0x20003, 0x30003, 0x40003});
+constexpr auto quoted_kinds = std::to_array<std::int32_t>(
+    {LOG_TYPE_UTIL, LOG_TYPE_GROUP, LOG_TYPE_RESOURCE, LOG_TYPE_MONITOR, LOG_TYPE_HEARTBEAT});
 
 constexpr std::size_t source_width = 16; // name, colon and line number
 constexpr std::size_t source_name = 10;
@@ -237,7 +238,7 @@ void log_cre_localmsg_ex(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *plogsend, c
     if (std::find(quoted_kinds.begin(), quoted_kinds.end(), kind) != quoted_kinds.end()) {
         log_cre_datestr(stamp, LOG_LEVEL_EVENT, plogobj->loginfo.showyearflag);
         std::snprintf(text, LOG_LINE_LEN, "\"%s\",%s\n", stamp, msg);
-    } else if (kind == 7) {
+    } else if (kind == LOG_TYPE_UTIL_TEXT) {
         log_cre_datestr(stamp, LOG_LEVEL_INFO, plogobj->loginfo.showyearflag);
         std::snprintf(text, LOG_LINE_LEN, "%s[%05d] %s\n", stamp, plogsend->pid, msg);
     }
