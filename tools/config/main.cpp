@@ -1,5 +1,6 @@
 // zynconfig: a look into the configuration, with the store that the command reads it with.
 #include "check.h"
+#include "names.h"
 #include "show.h"
 #include "text.h"
 
@@ -49,6 +50,14 @@ int run_list(config::Store &store, const Arguments &arguments) {
     return print(*listed, 0);
 }
 
+int run_names(const config::Store &store, const Arguments &arguments) {
+    const std::optional<std::string> listed = config::list_names(store, arguments.module);
+    if (!listed)
+        return fail(config::quoted(arguments.module) + " is no kind of names: there are " +
+                    config::name_kinds());
+    return print(*listed, 0);
+}
+
 int run_check(config::Store &store) {
     const config::Report report = config::check(store);
     return print(report.text, report.errors > 0 ? exit_errors : report.warnings > 0 ? exit_none : 0);
@@ -71,6 +80,8 @@ int run(const CLI::App &app, const Arguments &arguments) {
     config::Store store(elsewhere ? directory.c_str() : nullptr);
     if (app.got_subcommand("check"))
         return run_check(store);
+    if (app.got_subcommand("names"))
+        return run_names(store, arguments);
     const int status = app.got_subcommand("get") ? run_get(store, arguments) : run_list(store, arguments);
     if (const std::string &reason = store.standalone_reason(); status < exit_usage && !reason.empty())
         std::cerr << "zynconfig: in " << config::printable(store.directory(), directory_max)
@@ -100,6 +111,10 @@ void declare(CLI::App &app, Arguments &arguments) {
                        "error|warning|info: TEXT\nfor each finding; 0:0 where there is no place in the file");
     app.add_subcommand(
         "keys", "Print the table of keys: path, type, range, default, policy, modules, parted by tabs");
+    CLI::App *names = app.add_subcommand(
+        "names", "Print what the shells complete words with, from files of this host alone: those of the\n"
+                 "installation (its configuration and its directory scripts) and /etc/hosts");
+    names->add_option("KIND", arguments.module, "One of: " + config::name_kinds())->required()->type_name("");
     app.footer(
         "A file is looked at once, where the command tries one that it cannot read three times.\n\n"
         "Exit status: 0 the key has a value or a default, all is listed, or nothing is to be found fault\n"
