@@ -365,19 +365,22 @@ TEST_F(Log, ForkedChildWritesToo) {
 // Each allocation of an opening fails once: a code, no handle, and nothing held.
 TEST_F(Log, OpeningSurvivesShortages) {
     const Receiver daemon(socket_path());
-    int failed = 0;
-    for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
-        void *handle = &allocations;
-        fail_new_after = failed;
-        ret = log_init("mod", &handle, 4, 0, nullptr);
-        fail_new_after = -1;
-        EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
-        EXPECT_EQ(handle == nullptr, ret != LOG_OK);
-        if (ret == LOG_OK)
-            log_term(handle);
-        EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    for (const bool util : {false, true}) {
+        int failed = 0;
+        for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
+            void *handle = &allocations;
+            fail_new_after = failed;
+            ret = util ? log_util_init("mod", &handle, LOG_TYPE_UTIL, 4, 0, 0, 0, nullptr, nullptr)
+                       : log_init("mod", &handle, 4, 0, nullptr);
+            fail_new_after = -1;
+            EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
+            EXPECT_EQ(handle == nullptr, ret != LOG_OK);
+            if (ret == LOG_OK)
+                (util ? log_util_term : log_term)(handle);
+            EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+        }
+        EXPECT_GT(failed, 1);
     }
-    EXPECT_GT(failed, 1);
 }
 
 TEST_F(Log, ConfigurationThatCannotBeRead) {
