@@ -103,14 +103,22 @@ TEST_F(Log, RecordsAreTheExamples) {
     const Receiver local(socket_path()), udp;
     for (const Receiver *daemon : {&local, &udp}) {
         configure("<cluster><event><method>" + std::string(daemon == &udp ? "1" : "0") + "</method><port>" +
-                  std::to_string(udp.port) + "</port></event></cluster>");
+                  std::to_string(udp.port) +
+                  "</port></event><perf><log><group><use>1</use></group></log></perf></cluster>");
         void *handle = nullptr;
         ASSERT_EQ(log_init("drill", &handle, 4, 1000000, nullptr), LOG_OK);
         EXPECT_EQ(log_write(handle, 4, 0, "src/drill.cpp", 42, "run_drill", "%d servers answered", 3),
                   LOG_OK);
         EXPECT_EQ(log_write(handle, LOG_LEVEL_EVENT, 12, nullptr, 0, nullptr, "%d", 3), LOG_OK);
         EXPECT_EQ(log_term(handle), LOG_OK);
-        for (const char *name : {"initialize", "uptime", "local", "alert", "terminate"}) {
+        log_perf_info info;
+        ASSERT_EQ(log_util_perf_init(&handle, "drill", LOG_TYPE_GROUP), LOG_OK);
+        EXPECT_EQ(log_util_perf_start(&info, LOG_TICK_CALLER, 100), LOG_OK);
+        EXPECT_EQ(log_util_perf_end(handle, &info, "grp1", "start", "normal", 0, LOG_TICK_CALLER, 250),
+                  LOG_OK);
+        EXPECT_EQ(log_util_perf_term(handle), LOG_OK);
+        for (const char *name :
+             {"initialize", "uptime", "local", "alert", "terminate", "performance", "action"}) {
             const EVENTC_LOG_INFO record = daemon->take(10000);
             if (std::strcmp(name, "uptime") == 0)
                 continue;

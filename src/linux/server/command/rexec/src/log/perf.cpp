@@ -36,16 +36,16 @@ struct PerfKind {
     const char *use_key;
     std::string_view header;
 };
-#define PERF_KEYS(kind)                                                                                      \
-    "/root/cluster/perf/log/" kind "/size", "/root/cluster/perf/log/" kind "/rotate",                        \
-        "/root/cluster/perf/log/" kind "/use"
 constexpr auto perf_kinds = std::to_array<PerfKind>({
-    {LOG_TYPE_GROUP, PERF_KEYS("group"), action_header},
-    {LOG_TYPE_RESOURCE, PERF_KEYS("resource"), action_header},
-    {LOG_TYPE_MONITOR, PERF_KEYS("monitor"), action_header},
-    {LOG_TYPE_HEARTBEAT, PERF_KEYS("heartbeat"), heartbeat_header},
+    {LOG_TYPE_GROUP, "/root/cluster/perf/log/group/size", "/root/cluster/perf/log/group/rotate",
+     "/root/cluster/perf/log/group/use", action_header},
+    {LOG_TYPE_RESOURCE, "/root/cluster/perf/log/resource/size", "/root/cluster/perf/log/resource/rotate",
+     "/root/cluster/perf/log/resource/use", action_header},
+    {LOG_TYPE_MONITOR, "/root/cluster/perf/log/monitor/size", "/root/cluster/perf/log/monitor/rotate",
+     "/root/cluster/perf/log/monitor/use", action_header},
+    {LOG_TYPE_HEARTBEAT, "/root/cluster/perf/log/heartbeat/size", "/root/cluster/perf/log/heartbeat/rotate",
+     "/root/cluster/perf/log/heartbeat/use", heartbeat_header},
 });
-#undef PERF_KEYS
 
 const PerfKind *find_perf_kind(std::int32_t logtype) {
     const auto *kind = std::find_if(perf_kinds.begin(), perf_kinds.end(),
