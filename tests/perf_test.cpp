@@ -142,7 +142,8 @@ TEST_F(Perf, Lines) {
     void *handle = open_monitor();
     for (Row &row : read_rows("perf_lines.txt", 11)) {
         for (std::string &field : row)
-            std::replace(field.begin(), field.end(), '~', '\xa4');
+            for (char &c : field)
+                c = c == '~' ? '\xa4' : c == '^' ? '\r' : c;
         setenv("TZ", row[0].c_str(), 1);
         tzset();
         const auto at = [&](std::int64_t us, const std::string &count) {
