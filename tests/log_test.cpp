@@ -131,7 +131,8 @@ TEST_F(Log, RecordsAreTheExamples) {
             }
         };
         configure("<cluster><event><method>" + std::to_string(method) + "</method><port>" +
-                  std::to_string(udp.port) + "</port></event></cluster>");
+                  std::to_string(udp.port) +
+                  "</port></event><perf><log><group><use>1</use></group></log></perf></cluster>");
         void *handle = nullptr;
         ASSERT_EQ(log_init("drill", &handle, 4, 1000000, nullptr), LOG_OK);
         const int sock = static_cast<LOGLIB_OBJ *>(handle)->sock;
@@ -144,6 +145,13 @@ TEST_F(Log, RecordsAreTheExamples) {
         expect("alert syslog uptime pubsub");
         EXPECT_EQ(log_term(handle), LOG_OK);
         expect("terminate");
+        log_perf_info info = {};
+        ASSERT_EQ(log_util_perf_init(&handle, "drill", LOG_TYPE_GROUP), LOG_OK);
+        EXPECT_EQ(log_util_perf_start(&info, LOG_TICK_CALLER, 100), LOG_OK);
+        EXPECT_EQ(log_util_perf_end(handle, &info, "grp1", "start", "normal", 0, LOG_TICK_CALLER, 250),
+                  LOG_OK);
+        EXPECT_EQ(log_util_perf_term(handle), LOG_OK);
+        expect("performance action");
     }
     msgctl(queue, IPC_RMID, nullptr);
 }
@@ -418,19 +426,22 @@ TEST_F(Log, ForkedChildWritesToo) {
 // Each allocation of an opening fails once: a code, no handle, and nothing held.
 TEST_F(Log, OpeningSurvivesShortages) {
     const Receiver daemon(socket_path());
-    int failed = 0;
-    for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
-        void *handle = &allocations;
-        fail_new_after = failed;
-        ret = log_init("mod", &handle, 4, 0, nullptr);
-        fail_new_after = -1;
-        EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
-        EXPECT_EQ(handle == nullptr, ret != LOG_OK);
-        if (ret == LOG_OK)
-            log_term(handle);
-        EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    for (const bool util : {false, true}) {
+        int failed = 0;
+        for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
+            void *handle = &allocations;
+            fail_new_after = failed;
+            ret = util ? log_util_init("mod", &handle, LOG_TYPE_UTIL, 4, 0, 0, 0, nullptr, nullptr)
+                       : log_init("mod", &handle, 4, 0, nullptr);
+            fail_new_after = -1;
+            EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
+            EXPECT_EQ(handle == nullptr, ret != LOG_OK);
+            if (ret == LOG_OK)
+                (util ? log_util_term : log_term)(handle);
+            EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+        }
+        EXPECT_GT(failed, 1);
     }
-    EXPECT_GT(failed, 1);
 }
 
 TEST_F(Log, ConfigurationThatCannotBeRead) {

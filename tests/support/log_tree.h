@@ -67,6 +67,13 @@ public:
         }
         return record;
     }
+    // The next datagram as it is; empty when none has arrived.
+    std::string take_text(int wait_ms) const {
+        char text[2048];
+        pollfd ready = {.fd = fd_, .events = POLLIN, .revents = 0};
+        const ssize_t got = poll(&ready, 1, wait_ms) == 1 ? recv(fd_, text, sizeof(text), 0) : 0;
+        return {text, static_cast<std::size_t>(got)};
+    }
     std::vector<EVENTC_LOG_INFO> take_all() const {
         std::vector<EVENTC_LOG_INFO> records;
         for (EVENTC_LOG_INFO record = take(); record.magicno[0] != '\0'; record = take())
