@@ -21,7 +21,6 @@ constexpr std::size_t message_size = 512;
 
 std::int32_t create_handle(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                            const char *path) {
-    *pphandle = nullptr;
     LogHandle plogobj = log_new_handle();
     if (plogobj == nullptr)
         return LOG_ERR_MEMORY;
@@ -102,6 +101,8 @@ std::int32_t check(LOGLIB_OBJ *plogobj, std::int32_t level, bool *written) {
 
 std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                       const char *path) {
+    if (pphandle != nullptr)
+        *pphandle = nullptr;
     if (modtype == nullptr || *modtype == '\0') {
         LOG_DEBUG("prm err modtype:%p", static_cast<const void *>(modtype));
         return LOG_ERR_PARAMETER;
@@ -110,7 +111,6 @@ std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, 
         return LOG_ERR_NOHANDLE;
     if (level < -1) {
         LOG_DEBUG("nolog level:%d", level);
-        *pphandle = nullptr;
         return LOG_OK;
     }
     const CancelDisabled whole;
