@@ -36,8 +36,9 @@ using STATSD_HANDLE = struct STATSD_IMPL *;
 
 // Reads the settings (policy "statsd" and the cluster configuration), opens the socket, and stores a handle,
 // which the caller ends with statsd_term. A name of a collector is resolved here and may take as long as the
-// resolver takes. Other calls of statsd_init and statsd_term wait for it; statsd_send does not.
-// Returns STATSD_RC_SUCCESS or the code of what failed; *handle is null then. Any thread may call it.
+// resolver takes. Other calls of statsd_init and statsd_term wait for it; statsd_send does not. A child that
+// is forked meanwhile must call neither of the two, since they would wait for ever. Returns STATSD_RC_SUCCESS
+// or the code of what failed; *handle is null then. Any thread may call it.
 STATSD_RC statsd_init(STATSD_HANDLE *handle);
 
 // Sends one value.

@@ -238,6 +238,7 @@ std::int32_t log_util_perf_init(void **pphandle, const char *modtype, std::int32
         return LOG_ERR_PARAMETER;
     const CancelDisabled whole;
     const PerfSettings settings = read_settings(*kind);
+    ticks_per_second(); // asked for now, so that no measurement waits for the lock
     const auto hsize = static_cast<std::int32_t>(kind->header.size() + 1);
     const std::int32_t ret = log_util_init(modtype, pphandle, logtype, 0, settings.size, settings.rotate,
                                            hsize, kind->header.data(), nullptr);
