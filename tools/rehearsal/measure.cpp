@@ -1,9 +1,9 @@
 // Measures exchanges and writes the rows.
 #include "measure.h"
 
-#include "events/record.h"
 #include "log.h"
 #include "status.h"
+#include "text.h"
 #include "xmllib.h"
 
 #include <algorithm>
