@@ -35,7 +35,7 @@ double run_installed(Peer &peer, const EventSocket &daemon, bool reads) {
     const double wall = visit(peer, installed_command(peer, 1), 1).cost.wall_ms;
     over = true;
     if (reads)
-        daemon.send({});
+        daemon.wake();
     return wall;
 }
 
