@@ -284,7 +284,10 @@ TEST_F(Statsd, TwoHandles) {
     EXPECT_EQ(statsd_term(handle), 0);
     expect_log(log_of("two"));
     ASSERT_EQ(open({{"level", "-2"}}), 0) << "without a log";
+    first = handle;
+    ASSERT_EQ(open(), 0) << "nor does another handle open one";
     EXPECT_EQ(send({}), 0);
+    statsd_term(first);
     expect_sent("n:7!ms!@0.50");
     statsd_term(handle);
     expect_log("");

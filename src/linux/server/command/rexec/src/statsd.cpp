@@ -15,8 +15,6 @@
 #include <mutex>
 #include <utility>
 
-void *g_loghandle = nullptr;
-
 namespace {
 
 constexpr char module_type[] = "statsd";
