@@ -120,7 +120,7 @@ LocalTime now() {
     timeval time = {};
     gettimeofday(&time, nullptr);
     LocalTime local;
-    localtime_r(&time.tv_sec, &local.tm);
+    log_local_time(time.tv_sec, &local.tm);
     local.ms = static_cast<std::int32_t>(time.tv_usec / 1000);
     return local;
 }
@@ -238,6 +238,7 @@ std::int32_t log_util_perf_init(void **pphandle, const char *modtype, std::int32
         return LOG_ERR_PARAMETER;
     const CancelDisabled whole;
     const PerfSettings settings = read_settings(*kind);
+    ticks_per_second(); // known from now on: no measurement waits for a log that is being opened
     const auto hsize = static_cast<std::int32_t>(kind->header.size() + 1);
     const std::int32_t ret = log_util_init(modtype, pphandle, logtype, 0, settings.size, settings.rotate,
                                            hsize, kind->header.data(), nullptr);
