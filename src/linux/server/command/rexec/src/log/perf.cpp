@@ -207,6 +207,7 @@ public:
         tag = {};
         key.copy(tag.key, sizeof(tag.key) - 1);
         value.copy(tag.value, sizeof(tag.value) - 1);
+        log_end_text(tag.value, sizeof(tag.value), static_cast<int>(value.size()));
     }
     const STATSD_TAG *get() const { return tags_; }
     int count() const { return count_; }
