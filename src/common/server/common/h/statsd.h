@@ -46,7 +46,8 @@ STATSD_RC statsd_init(STATSD_HANDLE *handle);
 // With metrics switched off, or a value that sampling leaves out, nothing is sent and that is a success.
 // Never waits, and no answer is expected: a value that the collector misses is lost. Line ends in names and
 // tags are sent as blanks. Returns STATSD_RC_SUCCESS, STATSD_RC_INVALID_ARG or STATSD_RC_SEND_FAIL. Any
-// thread may call it, also with one handle at the same time. No cancellation point.
+// thread may call it, also with one handle at the same time. No cancellation point. Sampling takes the lock
+// of random(3): a child that is forked while another thread samples must not send values that are sampled.
 STATSD_RC statsd_send(STATSD_HANDLE handle, STATSD_METHOD method, int value, const STATSD_TAG *tags,
                       int tag_num);
 

@@ -120,7 +120,7 @@ LocalTime now() {
     timeval time = {};
     gettimeofday(&time, nullptr);
     LocalTime local;
-    localtime_r(&time.tv_sec, &local.tm);
+    log_local_time(time.tv_sec, &local.tm);
     local.ms = static_cast<std::int32_t>(time.tv_usec / 1000);
     return local;
 }
@@ -207,6 +207,7 @@ public:
         tag = {};
         key.copy(tag.key, sizeof(tag.key) - 1);
         value.copy(tag.value, sizeof(tag.value) - 1);
+        log_end_text(tag.value, sizeof(tag.value), static_cast<int>(value.size()));
     }
     const STATSD_TAG *get() const { return tags_; }
     int count() const { return count_; }
