@@ -135,7 +135,7 @@ awk -F ' *[|] *' '
 sed -n '/^[.]Sh KEYS/,/^[.]Sh EXAMPLES/p' "$pages/zyn.conf.5" | sed '1,/^[.]Ss Policy/d' |
     grep -v '^[.]\(Ss\|Bl\|El\|Sh\)' >items
 diff <(fold -s -w 79 rows | sed 's/ $//') items || fail "keys: the table of configuration.md (<), zyn.conf.5 (>)"
-blocks zyn.conf.5 | awk -v RS='\f\n' '/^</ { print >"example" (++n) ".xml" }'
+blocks zyn.conf.5 | awk -v RS='\f\n' '/^</ { print >("example" ++n ".xml") }'
 for example in example*.xml; do
     xmllint --noout "$example" || fail "an example of zyn.conf.5"
 done
@@ -260,6 +260,29 @@ rows_of() {
 cut -d'|' -f2- wanted >wanted_lines
 diff <(cut -d'|' -f1 wanted) <(kind_of_each wanted_lines | sed 's/^[0-9]* //') ||
     fail "the kinds of lines: wanted (<), by the expressions (>)"
+cat >nonsense <<'LINES'
+
+Success 
+Failed.
+NOTICE a : Success 
+GRP_FAILOVER a : Success failed in execute. 
+GRP_FAILOVER a : Failed. 
+GRP_FAILOVER a : 
+EXEC_SCRIPT  : Success 
+EXEC_SCRIPT a,b : Success 
+Connect a b: Failed 
+Connect a : Success 
+script exitcode=0
+  script exitcode=0 
+  m : clear[Success]
+  m	: clear[Success]Restart[Success]
+  m	: Restart
+  m	: Stop[Success]
+  m	: preaction script[Success], Restart[Success]
+  m	: preaction script[Executed(exitcode=)], Restart[Success]
+  m	: preaction script[Timeout], invalid config
+LINES
+[[ -z $(kind_of_each nonsense) ]] || fail "nonsense that the expressions take: $(kind_of_each nonsense)"
 # Each line with one character changed, with one more and with one less. Only a name may be changed.
 awk -v OFS='\t' '
     function free_part(line,  host) {
@@ -340,6 +363,7 @@ a,b|Connect a: Failed \nGRP_FAILOVER b : Group(g) is offline. \n|1|
 a,a|Connect a: Failed \nEXEC_SCRIPT a : Failed.\n|1|
 a|EXEC_SCRIPT a : Failed.\n|1|
 a,b|Connect a: Failed \n|2|
+a,a|Connect a: Failed \n|2|
 a,b|Connect a: Failed \nEXEC_SCRIPT b : |2|
 a,b|Connect a: Failed \nConnect b: Fail|2|
 a,b|Connect a: Failed \nConnect c: Failed \n|2|
