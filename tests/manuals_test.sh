@@ -236,6 +236,14 @@ kind_of_each() {
     fail "lines of the command that are not of exactly one kind: $(kind_of_each observed | cut -d' ' -f1 | uniq -c |
         awk '$1 > 1 { print $2 }')"
 
+# The verdict that a text stands under is the kind of its lines.
+for verdict in Done=success Refused=refused Tried=tried Unknown=unknown; do
+    page_texts "1,/^[.]Ss ${verdict%=*}\$/d; /^[.]S[sh]/,\$d;" | as_expressions |
+        sed 's/.*/^[A-Z_]+ [^ ]+ : & *$/' | grep -Ef - observed >lines || true
+    [[ -s lines && $(kind_of_each lines | cut -d' ' -f2 | sort -u) == "${verdict#*=}" ]] ||
+        fail "${verdict%=*}: $(kind_of_each lines | cut -d' ' -f2 | sort | uniq -c | tr -s ' \n' ' ')"
+done
+
 # Lines as other tests want them, in front of them the kind that they are.
 rows_of() {
     grep -v '^#' "$data/$1" | grep .
@@ -376,7 +384,7 @@ faulty=(127.0.0.2=refuse 127.0.0.3=busy 127.0.0.4=check-close-before 127.0.0.5=c
     127.0.0.7=reset-body 127.0.0.8=wrong-code 127.0.0.9=status:9 127.0.0.10=status:27 127.0.0.11=check-status:28
     127.0.0.12=check-wrong-magic 127.0.0.13=huge-size 127.0.0.14=close-after)
 asked=127.0.0.1$(printf ',%s' "${faulty[@]%%=*}")
-start faulty -c "$folder/cluster.xml" -l "$asked" $(printf -- '--fault %s ' "${faulty[@]}")
+start faulty -c "$folder/cluster.xml" -l "$asked" "${faulty[@]/#/--fault=}"
 "$rexec" --script ok -h "$asked" -p "$(<faulty.port)" >run
 retry_these "$asked" <run | tr , '\n' | sort >repeated
 # A server tells of an exchange when it is over, which may be after the client has gone.
