@@ -4,6 +4,10 @@
 set -euo pipefail
 export LC_ALL=C
 source_dir=$1 rehearse=$2 rexec=$3 installed=$4 install_dir=$5 sanitizers=${6-}
+# What the caller left open would be counted.
+for fd in $(ls /proc/$$/fd); do
+    ((fd <= 2 || fd == 255)) || eval "exec $fd>&-"
+done
 page=$source_dir/doc/bounds.md script=$(realpath "$0")
 failures=0
 # A sanitizer has memory, and may have a thread, of its own; and huge pages may make a stack 2 MiB.
