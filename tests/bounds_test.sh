@@ -209,14 +209,14 @@ command=("$installed" --failover g -p "$port" -h)
 waited=()
 
 # One target of each kind alone; and one that does not take the connection, tried twice by its address.
-evaluate conntimeout=4 restimeout=3 cmdto=5
+evaluate conntimeout=3 restimeout=6 cmdto=5
 for ((i = 0; i < ${#kinds[@]}; ++i)); do
     lay_out "one$i"
     echo "${lines[i]}" >"one$i.wanted"
     go "one$i" "$(limit 1)" "${command[@]}" "${addresses[i]}" &
     waited+=($!)
 done
-evaluate conntimeout=4 usedns=0 retry=1
+evaluate conntimeout=3 usedns=0 retry=1
 lay_out twice
 echo "Connect ${queues[0]}: Failed" >twice.wanted
 go twice "$(limit 1)" "${command[@]}" "${queues[0]}" &
@@ -234,7 +234,7 @@ for size in "${sizes[@]}"; do
 done
 
 # In a network of its own.
-evaluate conntimeout=4
+evaluate conntimeout=3
 lay_out name
 mkdir bare resolver
 printf 'nameserver 127.0.0.%d\n' 1 2 3 >resolver/resolv.conf
@@ -284,16 +284,16 @@ takes() {
 }
 for ((i = 0; i < ${#kinds[@]}; ++i)); do
     IFS='|' read -r _ _ expression _ <<<"${kinds[i]}"
-    hold "one$i" 1 $(takes "$expression" conntimeout=4 restimeout=3 cmdto=5) 1
+    hold "one$i" 1 $(takes "$expression" conntimeout=3 restimeout=6 cmdto=5) 1
 done
-hold twice 1 $(takes connect conntimeout=4 usedns=0 retry=1) 2
+hold twice 1 $(takes connect conntimeout=3 usedns=0 retry=1) 2
 for size in "${sizes[@]}"; do
     read -r least _ < <(takes "request + farewell" "${together[@]}")
     evaluate "${together[@]}" targets="$size"
     hold "all$size" "$size" "$least" "$run" $((1 + size / 10 * 3 * 3))
 done
 if [[ -s bare.seen ]]; then
-    [[ $sanitizers == thread ]] || hold name 3 $(takes "connect / 2" conntimeout=4) 2
+    [[ $sanitizers == thread ]] || hold name 3 $(takes "connect / 2" conntimeout=3) 2
     hold bare 1 $(takes start failed=2) 1
 fi
 ((failures == 0))
