@@ -142,8 +142,8 @@ cd "$top"
 # The defaults.
 while IFS='|' read -r name key default _; do
     [[ $key != /* ]] || grep -qF "| \`$key\` | integer |" "$source_dir/doc/configuration.md" || fail "no key $key"
-    [[ $key != /* ]] || awk -F' *[|] *' -v key="\`$key\`" -v default="\`$default\`" \
-        '$2 == key && $6 == default { found = 1 } END { exit !found }' "$source_dir/doc/configuration.md" ||
+    [[ $key != /* ]] || awk -F' *[|] *' -v key="\`$key\`" -v value="\`$default\`" \
+        '$2 == key && $6 == value { found = 1 } END { exit !found }' "$source_dir/doc/configuration.md" ||
         fail "$key: another default than $default"
 done < <(rows Settings)
 
