@@ -35,6 +35,8 @@ public:
         return sendto(sender_, &record, sizeof(record), flags, reinterpret_cast<const sockaddr *>(&address_),
                       sizeof(address_)) == sizeof(record);
     }
+    // Ends a wait of take(). A reader with a full queue does not wait, and may take no more than one record.
+    void wake() const { send({}, MSG_DONTWAIT); }
     // As a daemon leaves it that does not read any more.
     void fill() const {
         while (send({}, MSG_DONTWAIT)) {

@@ -35,7 +35,7 @@ public:
         log_term(handle_);
         shmlog_delete();
         over_ = true;
-        send_bare(); // wakes the reader
+        socket_.wake();
     }
     Sender(const Sender &) = delete;
     Sender &operator=(const Sender &) = delete;

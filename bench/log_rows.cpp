@@ -47,7 +47,7 @@ double run_beside(Peer &peer, std::size_t targets, milliseconds pause) {
     });
     const double wall = run_installed(peer, targets);
     over = true;
-    daemon.send({}, MSG_DONTWAIT); // wakes the reader; where there is no room it has something to take
+    daemon.wake();
     return wall;
 }
 

@@ -2,6 +2,7 @@
 #include "rows.h"
 
 #include "log_bench.h"
+#include "statsd_bench.h"
 #include "store.h"
 
 #include "rexeccl/packet.h"
@@ -129,6 +130,11 @@ constexpr Micro micros[] = {
     {"a message to the event daemon", "bare sendto", log_kept, log_kept_bare, 1.5},
     {"a message above the level, 256 types in the table", "call of nothing", log_suppressed,
      closed_trace_bare, 0, 300},
+    {"a measured value", "bare sendto of its line", statsd_plain, statsd_plain_bare, 1.5},
+    {"a measured value with four tags", "bare sendto of that line", statsd_tags, statsd_tags_bare, 1.5},
+    {"a measured value that sampling leaves out", "call of nothing for it", statsd_suppressed,
+     closed_trace_bare, 0, 100},
+    {"a measured value, metrics off", "the same call", statsd_off, closed_trace_bare, 0, 100},
     {"a value from the first section", "from the last one", query_first, query_last},
 };
 

@@ -4,7 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ cmake ninja-build pkg-config libxml2-dev libxml2-utils libgtest-dev libcli11-dev libasio-dev)
-test_packages=(zsh fish strace iproute2)
+test_packages=(mandoc zsh fish strace iproute2)
 
 # install_packages NAME...: those of the packages that are not installed yet.
 install_packages() {

@@ -86,16 +86,21 @@ rows >"$folder/rows"
 ! awk -F'\t' 'NF != 4 || $3 != "" && $3 ~ /^[ ]|[ ]$/' "$folder/elements" | grep . ||
     fail "a value with white space around it"
 
-# Policies and table: keys with a default, and where each stands.
-awk -F'\t' '$1 == "value" { print $2 "\t" $3 "\t" $4 }' "$folder/elements" |
+# Policies and table: keys with a default, and where each stands. One of a pattern is told by the pattern.
+awk -F'\t' '$1 ~ /%/ { print $1 }' "$folder/rows" | patterns | sed 's/.*/^[a-z]*\t&\t/' >"$folder/of_patterns"
+grep -v -f "$folder/of_patterns" "$folder/elements" >"$folder/plain"
+awk -F'\t' '$1 == "value" { print $2 "\t" $3 "\t" $4 }' "$folder/plain" |
     sed -E 's,etc/policy/([a-z]+)[.]pol$,\1,' | sort >"$folder/in_policies"
 awk -F'\t' '$1 !~ /%/ && $2 != "none" { gsub(/`/, "", $2); print $1 "\t" $2 "\t" $3 }' "$folder/rows" |
     sort >"$folder/in_table"
 expect_same "keys, defaults and policies: etc/policy (first), $table (second)" \
     "$folder/in_policies" "$folder/in_table"
 
-# The rest are examples in comments, of which a default is the value.
-awk -F'\t' '$1 == "example" { print $2 "\t" $3 "\t" $4 }' "$folder/elements" >"$folder/examples"
+# The rest are those of patterns, and examples in comments, of which a default is the value.
+{
+    grep '^example' "$folder/plain"
+    grep -f "$folder/of_patterns" "$folder/elements"
+} | awk -F'\t' '{ print $2 "\t" $3 "\t" $4 }' >"$folder/examples"
 awk -F'\t' '$1 ~ /%/ || $2 == "none"' "$folder/rows" >"$folder/without_value"
 : >"$folder/matched"
 while IFS=$'\t' read -r key default policy _; do

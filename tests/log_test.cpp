@@ -131,7 +131,8 @@ TEST_F(Log, RecordsAreTheExamples) {
             }
         };
         configure("<cluster><event><method>" + std::to_string(method) + "</method><port>" +
-                  std::to_string(udp.port) + "</port></event></cluster>");
+                  std::to_string(udp.port) +
+                  "</port></event><perf><log><group><use>1</use></group></log></perf></cluster>");
         void *handle = nullptr;
         ASSERT_EQ(log_init("drill", &handle, 4, 1000000, nullptr), LOG_OK);
         const int sock = static_cast<LOGLIB_OBJ *>(handle)->sock;
@@ -144,6 +145,13 @@ TEST_F(Log, RecordsAreTheExamples) {
         expect("alert syslog uptime pubsub");
         EXPECT_EQ(log_term(handle), LOG_OK);
         expect("terminate");
+        log_perf_info info = {};
+        ASSERT_EQ(log_util_perf_init(&handle, "drill", LOG_TYPE_GROUP), LOG_OK);
+        EXPECT_EQ(log_util_perf_start(&info, LOG_TICK_CALLER, 100), LOG_OK);
+        EXPECT_EQ(log_util_perf_end(handle, &info, "grp1", "start", "normal", 0, LOG_TICK_CALLER, 250),
+                  LOG_OK);
+        EXPECT_EQ(log_util_perf_term(handle), LOG_OK);
+        expect("performance action");
     }
     msgctl(queue, IPC_RMID, nullptr);
 }
@@ -382,7 +390,7 @@ TEST_F(Log, KeyFilesAreNoLinksOfOthers) {
 }
 
 // A process and its forked child write at the same time, each under its own ids; the child ends its handle
-// although other threads were reading the level table when it was forked.
+// although other threads were reading the level table, or the time zone, when it was forked.
 TEST_F(Log, ForkedChildWritesToo) {
     const Receiver daemon(socket_path());
     ASSERT_EQ(shmlog_create(nullptr, folder.path.c_str(), ""), SHMLOG_OK);
@@ -393,10 +401,17 @@ TEST_F(Log, ForkedChildWritesToo) {
         while (!over)
             shmlog_getloginfo("mod", &level, &size, &logtype);
     });
-    for (int i = 0; i < 20; ++i) {
+    log_perf_info info;
+    std::jthread measuring([&over] {
+        for (log_perf_info other; !over;)
+            log_util_perf_start(&other, LOG_TICK_CLOCK, 0);
+    });
+    for (int i = 0; i < 50; ++i) {
         const pid_t child = fork();
         if (child == 0) {
-            const bool good = log_write(handle, 1, 0, "f", 1, "g", "x") == LOG_OK &&
+            alarm(20); // none is left behind
+            const bool good = log_util_perf_start(&info, LOG_TICK_CLOCK, 0) == LOG_OK &&
+                              log_write(handle, 1, 0, "f", 1, "g", "x") == LOG_OK &&
                               log_term(handle) == LOG_OK && shmlog_detach() == SHMLOG_OK;
             _exit(good ? 0 : 1);
         }
@@ -411,6 +426,7 @@ TEST_F(Log, ForkedChildWritesToo) {
     }
     over = true;
     looking.join();
+    measuring.join();
     log_term(handle);
     EXPECT_EQ(shmlog_delete(), SHMLOG_OK);
 }
@@ -418,19 +434,22 @@ TEST_F(Log, ForkedChildWritesToo) {
 // Each allocation of an opening fails once: a code, no handle, and nothing held.
 TEST_F(Log, OpeningSurvivesShortages) {
     const Receiver daemon(socket_path());
-    int failed = 0;
-    for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
-        void *handle = &allocations;
-        fail_new_after = failed;
-        ret = log_init("mod", &handle, 4, 0, nullptr);
-        fail_new_after = -1;
-        EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
-        EXPECT_EQ(handle == nullptr, ret != LOG_OK);
-        if (ret == LOG_OK)
-            log_term(handle);
-        EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+    for (const bool util : {false, true}) {
+        int failed = 0;
+        for (std::int32_t ret = LOG_ERR_MEMORY; ret != LOG_OK; ++failed) {
+            void *handle = &allocations;
+            fail_new_after = failed;
+            ret = util ? log_util_init("mod", &handle, LOG_TYPE_UTIL, 4, 0, 0, 0, nullptr, nullptr)
+                       : log_init("mod", &handle, 4, 0, nullptr);
+            fail_new_after = -1;
+            EXPECT_TRUE(ret == LOG_OK || ret == LOG_ERR_MEMORY) << ret;
+            EXPECT_EQ(handle == nullptr, ret != LOG_OK);
+            if (ret == LOG_OK)
+                (util ? log_util_term : log_term)(handle);
+            EXPECT_EQ(xmllib_term(), XMLLIB_ERR_NOTINIT);
+        }
+        EXPECT_GT(failed, 1);
     }
-    EXPECT_GT(failed, 1);
 }
 
 TEST_F(Log, ConfigurationThatCannotBeRead) {

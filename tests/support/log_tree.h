@@ -46,13 +46,13 @@ public:
         EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
     }
     // A UDP port of this host.
-    Receiver() : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), sizeof(address)), 0);
+    explicit Receiver(int family = AF_INET) : fd_(socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_in6 address = {}; // begins as sockaddr_in does
+        address.sin6_family = static_cast<sa_family_t>(family);
         socklen_t length = sizeof(address);
+        EXPECT_EQ(bind(fd_, reinterpret_cast<sockaddr *>(&address), length), 0);
         getsockname(fd_, reinterpret_cast<sockaddr *>(&address), &length);
-        port = ntohs(address.sin_port);
+        port = ntohs(address.sin6_port);
     }
     ~Receiver() { close(fd_); }
     Receiver(const Receiver &) = delete;
@@ -66,6 +66,13 @@ public:
             EXPECT_EQ(recv(fd_, &record, sizeof(record), MSG_TRUNC), ssize_t{EVENTC_RECORD_LEN});
         }
         return record;
+    }
+    // The next datagram as it is; empty when none has arrived.
+    std::string take_text(int wait_ms = 0) const {
+        char text[2048];
+        pollfd ready = {.fd = fd_, .events = POLLIN, .revents = 0};
+        const ssize_t got = poll(&ready, 1, wait_ms) == 1 ? recv(fd_, text, sizeof(text), 0) : 0;
+        return {text, static_cast<std::size_t>(got)};
     }
     std::vector<EVENTC_LOG_INFO> take_all() const {
         std::vector<EVENTC_LOG_INFO> records;

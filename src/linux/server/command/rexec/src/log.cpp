@@ -21,7 +21,6 @@ constexpr std::size_t message_size = 512;
 
 std::int32_t create_handle(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                            const char *path) {
-    *pphandle = nullptr;
     LogHandle plogobj = log_new_handle();
     if (plogobj == nullptr)
         return LOG_ERR_MEMORY;
@@ -66,11 +65,7 @@ std::int32_t write_line(const LOGLIB_OBJ *plogobj, std::int32_t level, std::int3
     log_cre_record(&record, EVENTC_REQ_LOCAL, plogobj->modtype);
     record.destinfo.local.loglevel = level;
     log_cre_localmsg(plogobj, &record, level, eid, source.filename, source.line, source.func, message);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_send(plogobj, &record);
 }
 
 // Whether a message is written at all: LOG_OK, or what log_write returns. *written tells which.
@@ -102,6 +97,8 @@ std::int32_t check(LOGLIB_OBJ *plogobj, std::int32_t level, bool *written) {
 
 std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, std::int32_t size,
                       const char *path) {
+    if (pphandle != nullptr)
+        *pphandle = nullptr;
     if (modtype == nullptr || *modtype == '\0') {
         LOG_DEBUG("prm err modtype:%p", static_cast<const void *>(modtype));
         return LOG_ERR_PARAMETER;
@@ -110,7 +107,6 @@ std::int32_t log_init(const char *modtype, void **pphandle, std::int32_t level, 
         return LOG_ERR_NOHANDLE;
     if (level < -1) {
         LOG_DEBUG("nolog level:%d", level);
-        *pphandle = nullptr;
         return LOG_OK;
     }
     const CancelDisabled whole;

@@ -15,8 +15,6 @@
 #include <mutex>
 #include <utility>
 
-void *g_loghandle = nullptr;
-
 namespace {
 
 constexpr char module_type[] = "statsd";
@@ -137,10 +135,11 @@ STATSD_RC create_handle(STATSD_HANDLE *handle) {
     return STATSD_RC_SUCCESS;
 }
 
-// Without a handle the log may be opened or closed by another thread meanwhile.
+// Without a handle the log may be opened or closed by another thread meanwhile. That may take as long as a
+// resolver does, and a refusal does not wait for it: then the line is left out.
 STATSD_RC refuse_null_handle(const char *function) {
-    const std::lock_guard lock(g_mutex);
-    if (g_loghandle != nullptr)
+    const std::unique_lock lock(g_mutex, std::try_to_lock);
+    if (lock.owns_lock() && g_loghandle != nullptr)
         log_write(g_loghandle, 1, 0, "src/statsd", __LINE__, function, "handle is invalid.(null)");
     return STATSD_RC_INVALID_ARG;
 }
@@ -164,9 +163,12 @@ STATSD_RC check_arguments(STATSD_HANDLE handle, STATSD_METHOD method, int tag_nu
 void generate_tags(const STATSD_IMPL *himpl, const STATSD_METHOD_CONF &metric, const STATSD_TAG *tags,
                    int tag_num, char *text) {
     const void *handle = himpl;
-    for (int i = 0; i < tag_num; ++i)
-        STATSD_LOG(16, "[%p]tags[%d]: key=<%.*s>, value=<%.*s>", handle, i, STATSD_TAG_KEY_LEN, tags[i].key,
-                   STATSD_TAG_VALUE_LEN, tags[i].value);
+    // A line above the level costs a look into the level table: the first tag's answers for all of them.
+    for (int i = 0; i < tag_num && g_loghandle != nullptr; ++i)
+        if (log_write(g_loghandle, 16, 0, "src/statsd", __LINE__, __func__,
+                      "[%p]tags[%d]: key=<%.*s>, value=<%.*s>", handle, i, STATSD_TAG_KEY_LEN, tags[i].key,
+                      STATSD_TAG_VALUE_LEN, tags[i].value) == LOG_ERR_LEVEL)
+            break;
     if (himpl->conf.mode == STATSD_MODE_BASETAG) {
         const STATSD_RC rc = statsd_generate_base_tags(tags, tag_num, text);
         if (rc != STATSD_RC_SUCCESS)

@@ -36,16 +36,16 @@ struct PerfKind {
     const char *use_key;
     std::string_view header;
 };
-#define PERF_KEYS(kind)                                                                                      \
-    "/root/cluster/perf/log/" kind "/size", "/root/cluster/perf/log/" kind "/rotate",                        \
-        "/root/cluster/perf/log/" kind "/use"
 constexpr auto perf_kinds = std::to_array<PerfKind>({
-    {LOG_TYPE_GROUP, PERF_KEYS("group"), action_header},
-    {LOG_TYPE_RESOURCE, PERF_KEYS("resource"), action_header},
-    {LOG_TYPE_MONITOR, PERF_KEYS("monitor"), action_header},
-    {LOG_TYPE_HEARTBEAT, PERF_KEYS("heartbeat"), heartbeat_header},
+    {LOG_TYPE_GROUP, "/root/cluster/perf/log/group/size", "/root/cluster/perf/log/group/rotate",
+     "/root/cluster/perf/log/group/use", action_header},
+    {LOG_TYPE_RESOURCE, "/root/cluster/perf/log/resource/size", "/root/cluster/perf/log/resource/rotate",
+     "/root/cluster/perf/log/resource/use", action_header},
+    {LOG_TYPE_MONITOR, "/root/cluster/perf/log/monitor/size", "/root/cluster/perf/log/monitor/rotate",
+     "/root/cluster/perf/log/monitor/use", action_header},
+    {LOG_TYPE_HEARTBEAT, "/root/cluster/perf/log/heartbeat/size", "/root/cluster/perf/log/heartbeat/rotate",
+     "/root/cluster/perf/log/heartbeat/use", heartbeat_header},
 });
-#undef PERF_KEYS
 
 const PerfKind *find_perf_kind(std::int32_t logtype) {
     const auto *kind = std::find_if(perf_kinds.begin(), perf_kinds.end(),
@@ -91,8 +91,10 @@ std::uint64_t ticks_per_second() {
     if (const std::uint64_t value = known; value != 0)
         return value;
     const std::lock_guard lock(loglibmutex);
-    const long value = sysconf(_SC_CLK_TCK);
-    known = value > 0 ? static_cast<std::uint64_t>(value) : usual;
+    if (known == 0) {
+        const long value = sysconf(_SC_CLK_TCK);
+        known = value > 0 ? static_cast<std::uint64_t>(value) : usual;
+    }
     return known;
 }
 
@@ -118,7 +120,7 @@ LocalTime now() {
     timeval time = {};
     gettimeofday(&time, nullptr);
     LocalTime local;
-    localtime_r(&time.tv_sec, &local.tm);
+    log_local_time(time.tv_sec, &local.tm);
     local.ms = static_cast<std::int32_t>(time.tv_usec / 1000);
     return local;
 }
@@ -134,9 +136,13 @@ struct TimeText {
 // What a line has room for beside its stamp, times and numbers.
 constexpr std::size_t texts_max = 384;
 
-std::size_t character_size(const char *character) {
+// Bytes of the UTF-8 character at the beginning of a text. No ASCII character is taken for a part of one,
+// whatever the encoding of the text: quotes have to be found.
+std::size_t character_size(const char *text) {
+    const auto first = static_cast<unsigned char>(*text);
+    const std::size_t whole = first >= 0xf0 ? 4 : first >= 0xe0 ? 3 : first >= 0xc0 ? 2 : 1;
     std::size_t size = 1;
-    while ((static_cast<unsigned char>(character[size]) & 0xc0) == 0x80)
+    while (size < whole && (static_cast<unsigned char>(text[size]) & 0xc0) == 0x80)
         ++size;
     return size;
 }
@@ -201,6 +207,7 @@ public:
         tag = {};
         key.copy(tag.key, sizeof(tag.key) - 1);
         value.copy(tag.value, sizeof(tag.value) - 1);
+        log_end_text(tag.value, sizeof(tag.value), static_cast<int>(value.size()));
     }
     const STATSD_TAG *get() const { return tags_; }
     int count() const { return count_; }
@@ -225,11 +232,14 @@ void emit(const LOGLIB_OBJ *plogobj, const char *name, std::int64_t response_ms)
 } // namespace
 
 std::int32_t log_util_perf_init(void **pphandle, const char *modtype, std::int32_t logtype) {
+    if (pphandle != nullptr)
+        *pphandle = nullptr;
     const PerfKind *kind = find_perf_kind(logtype);
     if (kind == nullptr || modtype == nullptr)
         return LOG_ERR_PARAMETER;
     const CancelDisabled whole;
     const PerfSettings settings = read_settings(*kind);
+    ticks_per_second(); // asked for now, so that no measurement waits for the lock
     const auto hsize = static_cast<std::int32_t>(kind->header.size() + 1);
     const std::int32_t ret = log_util_init(modtype, pphandle, logtype, 0, settings.size, settings.rotate,
                                            hsize, kind->header.data(), nullptr);

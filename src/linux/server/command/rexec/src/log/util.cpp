@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdarg>
 #include <cstring>
+#include <new>
 #include <string_view>
 #include <utility>
 
@@ -39,13 +40,14 @@ constexpr std::int32_t header_max = EVENTC_PATH_LEN;
 
 std::int32_t check_arguments(const char *modtype, void **pphandle, std::int32_t logtype, std::int32_t hsize,
                              const char *path) {
+    if (pphandle != nullptr)
+        *pphandle = nullptr;
     if (modtype == nullptr || *modtype == '\0' || std::strlen(modtype) > type_max) {
         LOG_DEBUG("prm err modtype:%p", static_cast<const void *>(modtype));
         return LOG_ERR_PARAMETER;
     }
     if (pphandle == nullptr)
         return LOG_ERR_NOHANDLE;
-    *pphandle = nullptr;
     if (find_kind(logtype) == nullptr) {
         LOG_DEBUG("invalid log type: %d", logtype);
         return LOG_ERR_LOGTYPE;
@@ -62,11 +64,7 @@ std::int32_t write_text(const LOGLIB_OBJ *plogobj, const char *text) {
     log_cre_record(&record, EVENTC_REQ_LOCAL, plogobj->modtype);
     record.destinfo.local.loglevel = LOG_LEVEL_INFO;
     log_cre_localmsg_ex(plogobj, &record, text);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_send(plogobj, &record);
 }
 
 void describe(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t logtype, std::int32_t rotate,
@@ -106,7 +104,12 @@ std::int32_t log_util_init(const char *modtype, void **pphandle, std::int32_t lo
     if (plogobj == nullptr)
         return LOG_ERR_MEMORY;
     describe(plogobj.get(), modtype, logtype, rotate, hsize, header);
-    return create_handle(modtype, pphandle, level, fsize, path, std::move(plogobj));
+    try {
+        return create_handle(modtype, pphandle, level, fsize, path, std::move(plogobj));
+    } catch (const std::bad_alloc &) {
+        LOG_DEBUG("malloc err plogobj:%p", static_cast<void *>(nullptr));
+        return LOG_ERR_MEMORY;
+    }
 }
 
 std::int32_t log_util_write(void *phandle, const char *fmt, ...) {
@@ -119,10 +122,11 @@ std::int32_t log_util_write(void *phandle, const char *fmt, ...) {
     if (uncollected || nologflag != 0 || plogobj->level < 0)
         return LOG_OK;
     const CancelDisabled whole;
-    char text[EVENTC_MSG_LEN];
+    char text[EVENTC_MSG_LEN] = "";
     va_list arguments;
     va_start(arguments, fmt);
-    std::vsnprintf(text, sizeof(text), fmt, arguments);
+    if (fmt != nullptr)
+        std::vsnprintf(text, sizeof(text), fmt, arguments);
     va_end(arguments);
     return write_text(plogobj, text);
 }

@@ -126,10 +126,12 @@ STATSD_RC get_custom_tag(const char *key, char **custom_tag) {
     return STATSD_RC_SUCCESS;
 }
 
-// A path below the metric of a method.
+// A key of a method, whose place in the path "%s" holds.
 struct MetricPath {
-    MetricPath(const Method &method, const char *last) {
-        std::snprintf(text, sizeof(text), "/root/statsd/metrics/%s/%s", method.segment, last);
+    MetricPath(const Method &method, std::string_view path) {
+        const std::size_t at = path.find("%s");
+        std::snprintf(text, sizeof(text), "%.*s%s%s", static_cast<int>(at), path.data(), method.segment,
+                      path.data() + at + 2);
     }
     char text[path_len];
 };
@@ -142,15 +144,18 @@ void get_name(const char *key, const Method &method, STATSD_METHOD_CONF *conf) {
 
 STATSD_RC statsd_get_method_config(const Method &method, STATSD_BOOL custom_tag_mode,
                                    STATSD_METHOD_CONF *conf) {
-    get_name(MetricPath(method, "name").text, method, conf);
-    conf->type = static_cast<STATSD_METRIC_TYPE>(get_number(
-        MetricPath(method, "type").text, {STATSD_METRIC_TYPE_C, STATSD_METRIC_TYPE_S}, method.type));
-    conf->sample_rate = get_rate(MetricPath(method, "sample_rate").text, method.sample_rate);
-    conf->sample_client = static_cast<STATSD_BOOL>(get_number(
-        MetricPath(method, "sample_client").text, {STATSD_FALSE, STATSD_TRUE}, method.sample_client));
+    get_name(MetricPath(method, "/root/statsd/metrics/%s/name").text, method, conf);
+    conf->type = static_cast<STATSD_METRIC_TYPE>(
+        get_number(MetricPath(method, "/root/statsd/metrics/%s/type").text,
+                   {STATSD_METRIC_TYPE_C, STATSD_METRIC_TYPE_S}, method.type));
+    conf->sample_rate =
+        get_rate(MetricPath(method, "/root/statsd/metrics/%s/sample_rate").text, method.sample_rate);
+    conf->sample_client =
+        static_cast<STATSD_BOOL>(get_number(MetricPath(method, "/root/statsd/metrics/%s/sample_client").text,
+                                            {STATSD_FALSE, STATSD_TRUE}, method.sample_client));
     if (custom_tag_mode == STATSD_FALSE)
         return STATSD_RC_SUCCESS;
-    return get_custom_tag(MetricPath(method, "custom_tag").text, &conf->custom_tag);
+    return get_custom_tag(MetricPath(method, "/root/statsd/metrics/%s/custom_tag").text, &conf->custom_tag);
 }
 
 } // namespace
