@@ -205,7 +205,7 @@ for page in "${pages[@]}"; do
         echo "skipped: $name"
         continue
     fi
-    timeout -k 1 50 "${drill_room[@]}" bash "$self" "$bin" "$install_dir" "$sources" "$mode" "$page" >"$report/$name" 2>&1 &
+    TMPDIR=$report timeout -k 1 50 "${drill_room[@]}" bash "$self" "$bin" "$install_dir" "$sources" "$mode" "$page" >"$report/$name" 2>&1 &
     played+=("$name $!")
 done
 ((${#played[@]} > 0)) || exit 77
