@@ -4,6 +4,7 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ cmake ninja-build pkg-config libxml2-dev libxml2-utils libgtest-dev libcli11-dev libasio-dev)
+package_packages=(dpkg-dev binutils) # for cpack
 
 # install_packages NAME...: those of the packages that are not installed yet.
 install_packages() {
