@@ -51,10 +51,18 @@ function(zyn_packaged_compressed package directory)
   endforeach()
 endfunction()
 
+# zyn_packaged_program(PACKAGE TARGET DIRECTORY): without debug information.
+function(zyn_packaged_program package target directory)
+  install(TARGETS ${target} RUNTIME DESTINATION ${directory} COMPONENT ${package} EXCLUDE_FROM_ALL)
+  install(CODE "execute_process(COMMAND \"${CMAKE_STRIP}\" --remove-section=.comment --remove-section=.note
+  \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${directory}/${target}\" COMMAND_ERROR_IS_FATAL ANY)"
+          COMPONENT ${package} EXCLUDE_FROM_ALL)
+endfunction()
+
 # zyn_packaged_command(TARGET): where the installation has its programs, and in everybody's path: the command
 # takes no right of root, and monitoring systems run it without sbin.
 function(zyn_packaged_command target)
-  install(TARGETS ${target} RUNTIME DESTINATION ${opt}/bin COMPONENT zynrexec EXCLUDE_FROM_ALL)
+  zyn_packaged_program(zynrexec ${target} ${opt}/bin)
   zyn_packaged_link(zynrexec usr/bin/${target} /${opt}/bin/${target})
 endfunction()
 
@@ -108,7 +116,7 @@ install(DIRECTORY DESTINATION ${opt}/tmp COMPONENT zynrexec EXCLUDE_FROM_ALL)
 install(DIRECTORY DESTINATION ${opt}/work/ipc COMPONENT zynrexec EXCLUDE_FROM_ALL)
 
 # The rehearsal server. It is no part of an installation.
-install(TARGETS zynrehearse RUNTIME DESTINATION usr/bin COMPONENT zynrehearse EXCLUDE_FROM_ALL)
+zyn_packaged_program(zynrehearse zynrehearse usr/bin)
 zyn_packaged_completions(zynrehearse zynrehearse)
 configure_file(${PROJECT_SOURCE_DIR}/tools/rehearsal/cluster.xml ${package_work}/zynrehearse/sample.xml COPYONLY)
 zyn_packaged_conffiles(zynrehearse etc/zynrehearse ${package_work}/zynrehearse/sample.xml)
@@ -158,9 +166,7 @@ set(CPACK_COMPONENTS_GROUPING IGNORE)
 set(CPACK_PACKAGE_NAME zynrexec)
 set(CPACK_PACKAGE_VENDOR "zynrexec")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-set(CPACK_PACKAGE_DIRECTORY ${PROJECT_BINARY_DIR}/packages)
 set(CPACK_PACKAGING_INSTALL_PREFIX "/")
-set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
 set(CPACK_DEBIAN_PACKAGE_MAINTAINER "zynrexec maintainers <maintainers@zynrexec.invalid>")
