@@ -82,6 +82,14 @@ messages/cluster.msg.us
 messages/event.msg.us
 messages/rexec.msg.us
 messages/trnsv.msg.us
+share
+share/man
+share/man/man5
+share/man/man5/zyn.conf.5
+share/man/man7
+share/man/man7/zynrexec-results.7
+share/man/man8
+share/man/man8/zynrexec.8
 tmp
 work
 work/ipc
@@ -197,7 +205,8 @@ cp -r "$tree" "$folder/by_hand"
 rm -rf "$tree"
 expect "installs" install_to "$tree"
 diff -r "$folder/by_hand" "$tree" >"$folder/differences" || true
-expect "as installed, but for the link's target" diff <(echo "Only in $tree: lib") "$folder/differences"
+expect "as installed, but for the link's target and the manuals" \
+    diff <(printf "Only in $tree: %s\n" lib share) "$folder/differences"
 echo '<root><all><core>0</core></all></root>' >"$tree/etc/zyn.conf"
 sed -i 's/>180</>300</' "$tree/etc/policy/rexec.pol"
 echo left over >"$tree/etc/policy/log.pol.new"
