@@ -31,6 +31,8 @@ std::array<char[XML_PATH_SIZE], 6> _policypath;
 
 namespace {
 
+char chosen_inspath[XML_PATH_SIZE]; // goes before the library link; empty for none
+
 constexpr int settle_attempts = 3; // to parse a file that does not change meanwhile
 
 constexpr auto policy_directories = std::to_array<const char *>(
@@ -322,9 +324,16 @@ void form_paths() {
 
 int get_inspath(char *buffer, std::size_t size) {
     XMLIN_ENTER();
-    read_inspath(buffer, size);
+    if (chosen_inspath[0] != '\0')
+        std::snprintf(buffer, size, "%s", chosen_inspath);
+    else
+        read_inspath(buffer, size);
     XMLIN_EXIT();
     return 0;
+}
+
+void set_inspath(const char *directory) {
+    std::snprintf(chosen_inspath, sizeof(chosen_inspath), "%s", directory != nullptr ? directory : "");
 }
 
 int get_policyfile(const char *type, char *path, const char *charset) {

@@ -24,6 +24,10 @@ void form_paths();
 // "/lib", or the built-in one. Always returns 0.
 int get_inspath(char *buffer, std::size_t size);
 
+// Makes `directory` the install directory of this process, wherever the library link leads; null: the link
+// again.
+void set_inspath(const char *directory);
+
 // Finds the file of a policy type and writes its path into `path` of XML_PATH_SIZE bytes. Returns 0, or -1
 // with an empty path.
 int get_policyfile(const char *type, char *path, const char *charset);

@@ -19,8 +19,9 @@
 namespace {
 
 constexpr int parse_attempts = 3;
-constexpr unsigned attempt_gap = 1;             // seconds
-constexpr off_t file_size_max = off_t{4} << 20; // bytes; a parsed document takes up to 35 times its file
+constexpr unsigned attempt_gap = 1; // seconds
+
+thread_local ElementWatch element_watch = nullptr;
 
 class Descriptor {
 public:
@@ -44,7 +45,7 @@ bool is_readable(int fd) {
     if (fd == -1 || fstat(fd, &status) != 0)
         return false;
     errno = S_ISREG(status.st_mode) ? EFBIG : EINVAL;
-    return S_ISREG(status.st_mode) && status.st_size <= file_size_max;
+    return S_ISREG(status.st_mode) && status.st_size <= XML_FILE_SIZE_MAX;
 }
 
 struct FreeContext {
@@ -66,6 +67,16 @@ void declare_entity(void *parser, const xmlChar *name, int type, const xmlChar *
     xmlStopParser(context);
 }
 
+void start_element(void *parser, const xmlChar *name, const xmlChar *prefix, const xmlChar *uri,
+                   int namespaces, const xmlChar **namespace_list, int attributes, int defaulted,
+                   const xmlChar **attribute_list) {
+    xmlSAX2StartElementNs(parser, name, prefix, uri, namespaces, namespace_list, attributes, defaulted,
+                          attribute_list);
+    const auto *context = static_cast<const xmlParserCtxt *>(parser);
+    if (context->node != nullptr)
+        element_watch(context, context->node);
+}
+
 // Nothing outside the file is fetched and no entity is expanded beyond what libxml2 allows by itself. A parse
 // that broke off for want of memory leaves a tree behind that looks whole, and is none.
 Document parse(int fd, const char *file) {
@@ -74,6 +85,8 @@ Document parse(int fd, const char *file) {
     if (context == nullptr)
         return nullptr;
     context->sax->entityDecl = declare_entity;
+    if (element_watch != nullptr)
+        context->sax->startElementNs = start_element;
     Document doc(xmlCtxtReadFd(context.get(), fd, file, nullptr, XML_PARSE_NONET));
     const bool broke_off = context->errNo == XML_ERR_NO_MEMORY || context->disableSAX != 0;
     return broke_off ? nullptr : std::move(doc);
@@ -91,6 +104,7 @@ Document parse_once(const char *file) {
 } // namespace
 
 Document parse_file(const char *file, bool repeat) {
+    repeat = repeat && element_watch == nullptr;
     for (int attempt = 0; attempt < (repeat ? parse_attempts : 1); ++attempt) {
         if (Document doc = parse_once(file); doc != nullptr)
             return doc;
@@ -99,6 +113,10 @@ Document parse_file(const char *file, bool repeat) {
     }
     XMLIN_TRACE(1, "xmlParseFile(%s) failed.", file);
     return nullptr;
+}
+
+void watch_elements(ElementWatch watch) {
+    element_watch = watch;
 }
 
 void err_handler(void *, const char *format, ...) {

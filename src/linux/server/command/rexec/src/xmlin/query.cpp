@@ -55,6 +55,14 @@ bool matches(const xmlNode *node, const ZYNXML_ELEMENT &record, bool compare_att
     return value != nullptr && std::strcmp(reinterpret_cast<const char *>(value), record.attr) == 0;
 }
 
+// The first match among a node and those behind it.
+template <typename Node>
+Node *find_match(Node *node, const ZYNXML_ELEMENT &record, bool compare_attr) {
+    while (node != nullptr && !matches(node, record, compare_attr))
+        node = node->next;
+    return node;
+}
+
 // The scan over a path: the record and the field that the next text goes into.
 struct Split {
     ZYNXML_ELEMENT *record;
@@ -133,49 +141,43 @@ int split_query(const char *path, Records &records, int *count) {
     return XMLLIB_OK;
 }
 
-// What a look-up found: a node, a matched element without a child, or nothing.
-struct Found {
-    const xmlNode *node = nullptr;
+// The element that a path leads to in one document; null when there is none.
+const xmlNode *look_up(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count) {
+    const xmlNode *element = nullptr;
     bool matched = false;
-
-    bool any() const { return node != nullptr || matched; }
-};
-
-Found look_up(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count) {
-    Found found;
-    found.node = find_path(slot, mode, records, count, &found.matched);
-    return found;
+    find_path(slot, mode, records, count, &matched, &element);
+    return element;
 }
 
 // The current configuration first, then the policies in the order of their slots.
-Found look_up_everywhere(const char *path, const ZYNXML_ELEMENT *records, int count) {
+Answer look_up_everywhere(const char *path, const ZYNXML_ELEMENT *records, int count) {
     if (const ZYNXML_XMLDOC *current = current_config(); current != nullptr) {
-        const Found found = look_up(current, PathMode::value, records, count);
-        if (found.any()) {
+        const xmlNode *element = look_up(current, PathMode::value, records, count);
+        if (element != nullptr) {
             XMLIN_TRACE(8, "\"%s\" discover from current config.", path);
-            return found;
+            return {current, element};
         }
     }
     for (const ZYNXML_XMLDOC &slot : _xmldocs) {
         if (slot.type != XMLDOC_TYPE_POLICY)
             continue;
-        const Found found = look_up(&slot, PathMode::policy, records, count);
-        if (found.node != nullptr)
+        const xmlNode *element = look_up(&slot, PathMode::policy, records, count);
+        if (element != nullptr && element->children != nullptr)
             XMLIN_TRACE(8, "\"%s\" discover from \"%s\" policy.", path, slot.name);
-        if (found.any())
-            return found;
+        if (element != nullptr)
+            return {&slot, element};
     }
-    return {};
+    return {nullptr, nullptr};
 }
 
-int convert_found(const char *path, const Found &found, int type, void *buffer, int *size) {
+int convert_element(const char *path, const xmlNode *element, int type, void *buffer, int *size) {
     char text[value_size] = "";
-    if (found.node != nullptr) {
-        if (found.node->content == nullptr) {
+    if (const xmlNode *first = element->children; first != nullptr) {
+        if (first->content == nullptr) {
             XMLIN_TRACE(2, "not exist contents(%s).", path);
             return XMLLIB_ERR_NOCONTENTS;
         }
-        copy_text(found.node->content, text, sizeof(text));
+        copy_text(first->content, text, sizeof(text));
         if (cut_space(text) != 0) {
             XMLIN_TRACE(1, "invalid value.");
             return XMLLIB_ERR_INVALIDVALUE;
@@ -190,28 +192,39 @@ int convert_found(const char *path, const Found &found, int type, void *buffer, 
     return ret;
 }
 
-int query_value(const char *path, int type, void *buffer, int *size) {
-    if (path == nullptr || size == nullptr) {
-        XMLIN_TRACE(1, "invalid armgument.");
-        return XMLLIB_ERR_INVALIDARG;
-    }
-    if (!check_load()) {
+bool is_loaded() {
+    const bool loaded = check_load();
+    if (!loaded)
         XMLIN_TRACE(1, "not load.");
-        return XMLLIB_ERR_NOTLOAD;
-    }
-    if (buffer == nullptr)
-        *size = 0;
+    return loaded;
+}
+
+int answer_path(const char *path, Answer *answer) {
     XMLIN_TRACE(8, "get value from \"%s\"...", path);
     Records records;
     int count = 0;
     if (const int ret = split_query(path, records, &count); ret != XMLLIB_OK)
         return ret;
-    const Found found = look_up_everywhere(path, records.get(), count);
-    if (!found.any()) {
-        XMLIN_TRACE(2, "not exist(%s)", path);
-        return XMLLIB_ERR_NOTEXIST;
+    *answer = look_up_everywhere(path, records.get(), count);
+    if (answer->element != nullptr)
+        return XMLLIB_OK;
+    XMLIN_TRACE(2, "not exist(%s)", path);
+    return XMLLIB_ERR_NOTEXIST;
+}
+
+int query_value(const char *path, int type, void *buffer, int *size) {
+    if (path == nullptr || size == nullptr) {
+        XMLIN_TRACE(1, "invalid armgument.");
+        return XMLLIB_ERR_INVALIDARG;
     }
-    return convert_found(path, found, type, buffer, size);
+    if (!is_loaded())
+        return XMLLIB_ERR_NOTLOAD;
+    if (buffer == nullptr)
+        *size = 0;
+    Answer answer = {};
+    if (const int ret = answer_path(path, &answer); ret != XMLLIB_OK)
+        return ret;
+    return convert_element(path, answer.element, type, buffer, size);
 }
 
 void trace_list(const char *path, int ret, const char *buffer, int size) {
@@ -349,9 +362,7 @@ int separate_path(const char *path, ZYNXML_ELEMENT **records, int *count) {
 
 xmlNode *find_element(xmlNode *start, const ZYNXML_ELEMENT *record, unsigned flags, bool *matched) {
     XMLIN_ENTER();
-    xmlNode *node = start;
-    while (node != nullptr && !matches(node, *record, (flags & FIND_ATTR) != 0))
-        node = node->next;
+    xmlNode *node = find_match(start, *record, (flags & FIND_ATTR) != 0);
     *matched = node != nullptr;
     if (node == nullptr)
         XMLIN_TRACE(8, "undiscovery.");
@@ -362,18 +373,24 @@ xmlNode *find_element(xmlNode *start, const ZYNXML_ELEMENT *record, unsigned fla
 }
 
 xmlNode *find_path(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count,
-                   bool *matched) {
+                   bool *matched, const xmlNode **element) {
     XMLIN_ENTER();
     const unsigned attr = mode == PathMode::policy ? 0 : FIND_ATTR;
     // A slot whose configuration has been unloaded may still be made current: it holds nothing.
     xmlNode *node = slot->doc != nullptr ? slot->doc->children : nullptr;
     *matched = false;
+    const xmlNode *level = nullptr; // first node beside the last match
     for (int i = 0; i < count; ++i) {
         const bool stay = mode == PathMode::list && i == count - 1;
+        level = node;
         node = find_element(node, &records[i], attr | (stay ? 0 : FIND_DESCEND), matched);
         if (!*matched)
             break;
     }
+    if (element != nullptr && *matched)
+        *element = node != nullptr && mode != PathMode::list
+                       ? node->parent
+                       : find_match(level, records[count - 1], attr != 0);
     if (node == nullptr && !*matched)
         XMLIN_TRACE(8, "not exist in \"%s\".", slot->name);
     XMLIN_EXIT();
@@ -407,6 +424,20 @@ int cut_space(char *text) {
         std::memmove(text, kept.data(), kept.size());
         text[kept.size()] = '\0';
     }
+    XMLIN_EXIT();
+    return ret;
+}
+
+int find_answer(const char *path, Answer *answer) {
+    XMLIN_ENTER();
+    const int ret = is_loaded() ? answer_path(path, answer) : static_cast<int>(XMLLIB_ERR_NOTLOAD);
+    XMLIN_EXIT();
+    return ret;
+}
+
+int read_element(const char *path, const xmlNode *element, int type, void *buffer, int *size) {
+    XMLIN_ENTER();
+    const int ret = convert_element(path, element, type, buffer, size);
     XMLIN_EXIT();
     return ret;
 }

@@ -33,9 +33,10 @@ int separate_path(const char *path, ZYNXML_ELEMENT **records, int *count);
 // match without a child gives back null when descending.
 xmlNode *find_element(xmlNode *start, const ZYNXML_ELEMENT *record, unsigned flags, bool *matched);
 
-// Walks all records from the root of a document; *matched is that of the last step.
+// Walks all records from the root of a document; *matched is that of the last step. *element, unless null,
+// receives the element that matched it.
 xmlNode *find_path(const ZYNXML_XMLDOC *slot, PathMode mode, const ZYNXML_ELEMENT *records, int count,
-                   bool *matched);
+                   bool *matched, const xmlNode **element = nullptr);
 
 // Collects the first attributes of `first` and of its siblings of the same name into 256-byte slots of
 // `buffer`. *size is that of the buffer and receives the bytes that all of them need. Returns 0,
@@ -48,6 +49,19 @@ int make_value(const char *text, int type, void *buffer, int *size);
 
 // Removes blanks (0x20 only) from both ends, in place. Returns 0, or -1 for null.
 int cut_space(char *text);
+
+// What answers a path: the first hit in the current configuration and then in the policies.
+struct Answer {
+    const ZYNXML_XMLDOC *slot;
+    const xmlNode *element;
+};
+
+// Finds the answer. Returns 0, or XMLLIB_ERR_NOTLOAD, XMLLIB_ERR_INVALIDPATH, XMLLIB_ERR_TOOLONG or
+// XMLLIB_ERR_NOTEXIST.
+int find_answer(const char *path, Answer *answer);
+
+// Reads the value of an element, however it was found, with the codes and the sizes of get_value.
+int read_element(const char *path, const xmlNode *element, int type, void *buffer, int *size);
 
 // The two queries, with the codes of xmllib.h. A null buffer asks for the size.
 int get_value(const char *path, int type, void *buffer, int *size);
