@@ -184,7 +184,7 @@ run a script, to treat a monitored resource as failed, or to end the error
 state of a monitor, and tells what each of them answered.
 
 The package holds the command, its policies, message catalogues and
-configuration, and its manuals.")
+configuration, zynconfig, which looks into them, and manuals.")
 set(CPACK_COMPONENT_ZYNREHEARSE_DESCRIPTION
     "rehearsal server for the requests of zynrexec
 zynrehearse answers like the data transfer servers of a pretended cluster,

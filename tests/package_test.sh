@@ -13,7 +13,7 @@ skip() {
     exit 77
 }
 
-for tool in dpkg-deb dpkg-shlibdeps lintian strace systemd-analyze; do
+for tool in dpkg-deb dpkg-shlibdeps lintian man strace systemd-analyze; do
     command -v "$tool" >/dev/null || skip "no $tool"
 done
 
@@ -128,10 +128,12 @@ install_as() {
     ((status == $1)) || { cat "$folder/log"; fail "$2: exit status $status"; }
 }
 
-# Files and links that were made or changed in the root, but for what keeps books about all packages.
+# Files and links that were made or changed in the root, or removed ("c"), but for what keeps books about all
+# packages. Directories that any package may share, and that dpkg takes along when they are empty, do not count.
 changed() {
     (cd "$folder/memory/upper" && find . \( -path ./var/lib/dpkg -o -path ./var/log -o -path ./var/cache \
-        -o -path ./etc/ld.so.cache \) -prune -o -not -type d -printf '%y %P\n' | sort)
+        -o -path ./run -o -path ./etc/ld.so.cache \) -prune -o -not -type d -printf '%y %P\n' |
+        grep -vxE 'c (etc/opt|opt)' | sort)
 }
 before=$(changed)
 
@@ -154,6 +156,11 @@ expect "the sample is there" in_root test -s "$install_dir/etc/zyn.conf.sample"
 in_root zynrehearse --install-tree /tree >/dev/null
 expect "a tree for a rehearsal has the command" cmp "$root/tree/bin/zynrexec" "$root$install_dir/bin/zynrexec"
 rm -r "$root/tree"
+cp "$build/install_check.cmake" "$root"
+expect_not "nothing is copied over the package" in_root cmake "-DCMAKE_INSTALL_PREFIX=$install_dir" -P install_check.cmake \
+    2>"$folder/log"
+expect "says why" grep -qF "The package zynrexec is installed in \"$install_dir\"." "$folder/log"
+expect "elsewhere it may be" in_root cmake -DCMAKE_INSTALL_PREFIX=/srv/zyn -P install_check.cmake
 
 echo "-- the service"
 unit=/lib/systemd/system/zynrehearse@.service
@@ -190,7 +197,7 @@ conf=$root$etc_opt/zyn.conf
 echo "<root><cluster><trns><port>$port</port></trns></cluster></root>" >"$conf"
 cp "$conf" "$folder/zyn.conf"
 expect "configured" diff <(echo "GRP_FAILOVER 127.0.0.1 : Success") <(request | sed 's/ *$//')
-expect "dumps" test -n "$(find "$root$state" -name '*check*')"
+expect "dumps" test -n "$(find "$root$state" -name '*-in.bin')"
 
 echo "-- upgraded"
 # later PACKAGE SED_ARGUMENT...: the package's next version, some of whose files were changed.
@@ -199,7 +206,7 @@ later() {
     dpkg-deb -R "$root/packages/$1_${version}_$architecture.deb" "$tree"
     sed -i "s/^Version: .*/Version: $version+1/" "$tree/DEBIAN/control"
     (cd "$tree" && sed -i "${@:2}")
-    dpkg-deb --root-owner-group --nocheck -b "$tree" "$root/packages/$1_later.deb" >/dev/null
+    dpkg-deb --root-owner-group -b "$tree" "$root/packages/$1_later.deb" >/dev/null
     rm -r "$tree"
 }
 policy=$etc_opt/policy
@@ -228,7 +235,6 @@ status=0
 wait "$server" || status=$?
 server=
 expect "ends as asked" test $status = 0
-ls -la "$root$state"; cat "$root$unit" >/tmp/unit.dbg
 # allowed SET...: system calls, some of them as names of further sets.
 allowed() {
     local calls sets
@@ -255,11 +261,11 @@ expect_not "the command is gone" in_root sh -c 'command -v zynrexec || command -
 expect_not "nothing below the install directory" test -e "$root$install_dir"
 expect "the configuration survives" cmp "$folder/zyn.conf" "$conf"
 install_as 0 "install again" --install /packages/zynrexec_later.deb
-expect "the configuration is in use again" cmp "$folder/zyn.conf" "$root$install_dir/etc/zyn.conf"
+expect "the configuration is in use again" cmp "$folder/zyn.conf" <(in_root cat "$install_dir/etc/zyn.conf")
 
 echo "-- purged"
 install_as 0 "purge" --purge zynrexec zynrehearse
-rm -f "$root/told" "$root"/packages/*_later.deb
+rm -f "$root"/{told,install_check.cmake,packages/*_later.deb}
 expect "nothing is left" diff <(echo "$before") <(changed)
 for directory in "$etc_opt" "$install_dir" /etc/zynrehearse /usr/share/doc/zynrexec /var/lib/zynrehearse; do
     expect_not "no $directory" test -e "$root$directory"
