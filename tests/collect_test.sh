@@ -70,6 +70,7 @@ a:|c malformed a:|c
 a:x|c malformed a:x|c
 a:1x|c malformed a:1x|c
 a:nan|c malformed a:nan|c
+a:inf|c malformed a:inf|c
 a:1 malformed a:1
 a:1| malformed a:1|
 a:1|m malformed a:1|m

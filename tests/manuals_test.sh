@@ -105,7 +105,7 @@ if [[ -n $zynconfig ]]; then
     "$zynconfig" --help >help
     page_options zynconfig.8 >told
     expect_same "subcommands of zynconfig: page (first), --help (second)" \
-        <(sed -n 's/^[.]It Cm \([a-z]*\).*/\1/p' "$pages/zynconfig.8" | grep -vx 'list ,') \
+        <(sed -n 's/^[.]It Cm \([a-z]*\).*/\1/p' "$pages/zynconfig.8") \
         <(sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p' help)
     for subcommand in $(sed -nE '/^Subcommands:/,/^$/s/^  ([a-z]+) .*/\1/p' help); do
         "$zynconfig" "$subcommand" --help
@@ -135,7 +135,7 @@ awk -F ' *[|] *' '
 sed -n '/^[.]Sh KEYS/,/^[.]Sh EXAMPLES/p' "$pages/zyn.conf.5" | sed '1,/^[.]Ss Policy/d' |
     grep -v '^[.]\(Ss\|Bl\|El\|Sh\)' >items
 diff <(fold -s -w 79 rows | sed 's/ $//') items || fail "keys: the table of configuration.md (<), zyn.conf.5 (>)"
-blocks zyn.conf.5 | awk -v RS='\f\n' '/^</ { print >"example" (++n) ".xml" }'
+blocks zyn.conf.5 | awk -v RS='\f\n' '/^</ { print >("example" ++n ".xml") }'
 for example in example*.xml; do
     xmllint --noout "$example" || fail "an example of zyn.conf.5"
 done
@@ -236,6 +236,14 @@ kind_of_each() {
     fail "lines of the command that are not of exactly one kind: $(kind_of_each observed | cut -d' ' -f1 | uniq -c |
         awk '$1 > 1 { print $2 }')"
 
+# The verdict that a text stands under is the kind of its lines.
+for verdict in Done=success Refused=refused Tried=tried Unknown=unknown; do
+    page_texts "1,/^[.]Ss ${verdict%=*}\$/d; /^[.]S[sh]/,\$d;" | as_expressions |
+        sed 's/.*/^[A-Z_]+ [^ ]+ : & *$/' | grep -Ef - observed >lines || true
+    [[ -s lines && $(kind_of_each lines | cut -d' ' -f2 | sort -u) == "${verdict#*=}" ]] ||
+        fail "${verdict%=*}: $(kind_of_each lines | cut -d' ' -f2 | sort | uniq -c | tr -s ' \n' ' ')"
+done
+
 # Lines as other tests want them, in front of them the kind that they are.
 rows_of() {
     grep -v '^#' "$data/$1" | grep .
@@ -260,6 +268,29 @@ rows_of() {
 cut -d'|' -f2- wanted >wanted_lines
 diff <(cut -d'|' -f1 wanted) <(kind_of_each wanted_lines | sed 's/^[0-9]* //') ||
     fail "the kinds of lines: wanted (<), by the expressions (>)"
+cat >nonsense <<'LINES'
+
+Success 
+Failed.
+NOTICE a : Success 
+GRP_FAILOVER a : Success failed in execute. 
+GRP_FAILOVER a : Failed. 
+GRP_FAILOVER a : 
+EXEC_SCRIPT  : Success 
+EXEC_SCRIPT a,b : Success 
+Connect a b: Failed 
+Connect a : Success 
+script exitcode=0
+  script exitcode=0 
+  m : clear[Success]
+  m	: clear[Success]Restart[Success]
+  m	: Restart
+  m	: Stop[Success]
+  m	: preaction script[Success], Restart[Success]
+  m	: preaction script[Executed(exitcode=)], Restart[Success]
+  m	: preaction script[Timeout], invalid config
+LINES
+[[ -z $(kind_of_each nonsense) ]] || fail "nonsense that the expressions take: $(kind_of_each nonsense)"
 # Each line with one character changed, with one more and with one less. Only a name may be changed.
 awk -v OFS='\t' '
     function free_part(line,  host) {
@@ -340,6 +371,7 @@ a,b|Connect a: Failed \nGRP_FAILOVER b : Group(g) is offline. \n|1|
 a,a|Connect a: Failed \nEXEC_SCRIPT a : Failed.\n|1|
 a|EXEC_SCRIPT a : Failed.\n|1|
 a,b|Connect a: Failed \n|2|
+a,a|Connect a: Failed \n|2|
 a,b|Connect a: Failed \nEXEC_SCRIPT b : |2|
 a,b|Connect a: Failed \nConnect b: Fail|2|
 a,b|Connect a: Failed \nConnect c: Failed \n|2|
@@ -352,7 +384,7 @@ faulty=(127.0.0.2=refuse 127.0.0.3=busy 127.0.0.4=check-close-before 127.0.0.5=c
     127.0.0.7=reset-body 127.0.0.8=wrong-code 127.0.0.9=status:9 127.0.0.10=status:27 127.0.0.11=check-status:28
     127.0.0.12=check-wrong-magic 127.0.0.13=huge-size 127.0.0.14=close-after)
 asked=127.0.0.1$(printf ',%s' "${faulty[@]%%=*}")
-start faulty -c "$folder/cluster.xml" -l "$asked" $(printf -- '--fault %s ' "${faulty[@]}")
+start faulty -c "$folder/cluster.xml" -l "$asked" "${faulty[@]/#/--fault=}"
 "$rexec" --script ok -h "$asked" -p "$(<faulty.port)" >run
 retry_these "$asked" <run | tr , '\n' | sort >repeated
 # A server tells of an exchange when it is over, which may be after the client has gone.
@@ -365,10 +397,13 @@ expect_same "to be repeated and reached (first), all (second)" <(cat repeated re
 echo "-- examples"
 # run_examples PAGE SERVER: the commands behind "$ " and what they print, in one shell, without blanks at line ends.
 run_examples() {
-    local port line
+    local port line tree=$folder/tree
     port=$(<"$2.port")
     zynrexec() {
         "$rexec" "$@" -p "$port"
+    }
+    zynconfig() {
+        "$zynconfig" "${@//"/tmp/tree"/"$tree"}" | sed "s,$tree,/tmp/tree,"
     }
     mkdir "$1"
     cd "$1"
@@ -405,11 +440,12 @@ done
 told=$(block zynrehearse.8 "... notice" | sed 's/^[.]* //')
 grep -qF " 127.0.0.3 <- " example-zynrehearse.8.journal && grep -F "127.0.0.3" example-zynrehearse.8.journal | grep -qF "$told" ||
     fail "the journal of zynrehearse.8: $told"
-"$rehearse" --install-tree "$folder/tree" >/dev/null
 if [[ -n $zynconfig ]]; then
+    "$rehearse" --install-tree "$folder/tree" >/dev/null
     "$zynconfig" --root "$folder/tree" check >/dev/null || fail "a check of a fresh tree: exit status $?"
     cp example1.xml tree/etc/zyn.conf
-    "$zynconfig" --root "$folder/tree" check >/dev/null || fail "a check of the example: exit status $?"
+    (run_examples zynconfig.8 texts) >difference || fail "examples of zynconfig.8: $(<difference)"
+    [[ -s zynconfig.8/wanted ]] || fail "zynconfig.8 has no examples"
     echo '<root>' >tree/etc/zyn.conf
     status=0
     "$zynconfig" --root "$folder/tree" check >/dev/null || status=$?

@@ -34,7 +34,7 @@ fail() {
 }
 # start NAME OPTION...: with its output and its ports in files of that name.
 start() {
-    "$rehearse" --port-file "$1.port" "${@:2}" >"$1.out" &
+    "$rehearse" --port-file "$1.port" "${@:2}" >"$1.out" 2>"$1.err" &
     started+=($!)
     while [[ ! -s $1.port ]]; do kill -0 $!; done
 }
@@ -135,6 +135,18 @@ sed -nE 's/.* metric zyn_monitor_response_time:([0-9]+)\|ms\|#ClusterName:drill,
     side.out | diff - <(sed -E '1d; s/^"[^"]*",("[^"]*").*,("[^"]*")$/\1,\2/' "$install_dir/log/monitor.csv") ||
     fail "metrics (first) and rows (second)"
 [[ $(grep -cE ' (group|script|monitor)_perf\[[0-9:]+\] closed$' side.out) == 3 ]] || fail "logs that were not closed"
+
+# An event daemon that ends meanwhile: that is told, once, and the server goes on.
+start gone --events "$install_dir" --event-port 0
+start lost --measure -c cluster.xml
+kill "${started[0]}"
+wait "${started[0]}"
+started=("${started[1]}")
+port=$(<lost.port)
+request --failover 'a,"b"'
+request --failover 'a,"b"'
+stop
+diff lost.err - <<<"zynrehearse: measurements are lost: code 12, no event daemon can be reached" || fail "a loss"
 
 # All roles in one process, which takes its own records.
 start all -l 127.0.0.1 --measure --events "$install_dir" --collect 0 --event-port 0

@@ -54,7 +54,9 @@ WRAP(ssize_t, sendto,
      size < EVENTC_RECORD_LEN && (send_flags = flags, refuse("sendto", ECONNREFUSED))
          ? -1
          : __real_sendto(fd, data, size, flags, to, length))
+// The refusal of another thread does not wait for the resolver.
 WRAP(int, getaddrinfo, (const char *host, const char *port, const addrinfo *hints, addrinfo **found),
+     std::thread(statsd_term, nullptr).join(),
      __real_getaddrinfo(host, port, hints, found) != 0 ? EAI_ADDRFAMILY
      : second_host ? __real_getaddrinfo(second_host, port, hints, &(*found)->ai_next)
                    : 0)

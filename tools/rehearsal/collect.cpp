@@ -1,22 +1,18 @@
 // The collector's sockets and the grammar of its lines.
 #include "collect.h"
 
-#include "events/receive.h"
-#include "events/record.h"
+#include "datagram.h"
 #include "journal.h"
+#include "text.h"
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
-#include <cmath>
+#include <limits>
 #include <optional>
 #include <ostream>
 #include <string_view>
 #include <system_error>
-
-#include <netinet/in.h>
-#include <sys/socket.h>
 
 namespace rehearsal {
 namespace {
@@ -43,17 +39,14 @@ bool are_tags(std::string_view text) {
     return !text.empty();
 }
 
-bool is_control(char c) {
-    return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
-}
-
 // Whether a line is "name:value|type", "|@rate" and "|#tag,tag..." behind it or not.
 bool is_metric(std::string_view line) {
+    constexpr double most = std::numeric_limits<double>::max(); // "inf" is no value
     constexpr auto types = std::to_array<std::string_view>({"c", "g", "ms", "h", "s"});
     std::string_view first = take_until(line, '|');
     const std::string_view name = take_until(first, ':');
     const std::string_view type = take_until(line, '|');
-    if (name.empty() || std::ranges::any_of(name, is_control) || !is_number(first, -HUGE_VAL, HUGE_VAL) ||
+    if (name.empty() || std::ranges::any_of(name, is_control) || !is_number(first, -most, most) ||
         std::ranges::find(types, type) == types.end())
         return false;
     if (line.starts_with('@') && !is_number(take_until(line, '|').substr(1), 0, 1))
@@ -64,19 +57,14 @@ bool is_metric(std::string_view line) {
 
 // The socket of ::1; nothing where the host has no such address.
 std::optional<Descriptor> bind_ipv6(std::uint16_t port) {
-    const int on = 1;
-    sockaddr_in6 address = {};
-    address.sin6_family = AF_INET6;
-    address.sin6_port = htons(port);
-    address.sin6_addr = in6addr_loopback;
-    Descriptor made(::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (made.get() >= 0 && ::setsockopt(made.get(), IPPROTO_IPV6, IPV6_V6ONLY, &on, sizeof(on)) == 0 &&
-        ::bind(made.get(), reinterpret_cast<const sockaddr *>(&address), sizeof(address)) == 0)
-        return made;
-    if (errno == EAFNOSUPPORT || errno == EADDRNOTAVAIL)
-        return std::nullopt;
-    throw std::system_error(errno, std::generic_category(),
-                            "cannot bind UDP port " + std::to_string(port) + " of ::1");
+    try {
+        return bind_udp("::1", port);
+    } catch (const std::system_error &error) {
+        if (error.code() == std::errc::address_family_not_supported ||
+            error.code() == std::errc::address_not_available)
+            return std::nullopt;
+        throw;
+    }
 }
 
 // Of both addresses where the host has them.
@@ -88,7 +76,7 @@ struct Sockets {
 Sockets bind_both(std::uint16_t &port) {
     const std::uint16_t given = port;
     for (int tries = 1;; ++tries) {
-        Descriptor ipv4 = bind_udp(port);
+        Descriptor ipv4 = bind_udp("127.0.0.1", port);
         try {
             return {std::move(ipv4), bind_ipv6(port)};
         } catch (const std::system_error &) {

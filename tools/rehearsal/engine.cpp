@@ -72,10 +72,10 @@ void Engine::done(std::size_t number, const Exchange &exchange) {
     if (options_.record) {
         recorder_.update(number, exchange);
     }
-    journal_.exchange(exchange);
-    if (options_.observer) {
+    if (options_.observer) { // before whatever the reader of the journal holds up
         options_.observer(exchange);
     }
+    journal_.exchange(exchange);
 }
 
 } // namespace rehearsal

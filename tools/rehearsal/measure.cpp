@@ -1,14 +1,15 @@
 // Measures exchanges and writes the rows.
 #include "measure.h"
 
-#include "events/record.h"
 #include "log.h"
 #include "status.h"
+#include "text.h"
 #include "xmllib.h"
 
 #include <algorithm>
 #include <array>
 #include <condition_variable>
+#include <iostream>
 #include <map>
 #include <mutex>
 #include <stdexcept>
@@ -51,7 +52,7 @@ const ActionRow *find_action(RequestKind kind) {
     return row != action_rows.end() ? row : nullptr;
 }
 
-// Why a log cannot be opened.
+// Why a log cannot be opened or written.
 struct CodeRow {
     std::int32_t code;
     const char *meaning;
@@ -65,17 +66,20 @@ constexpr auto code_rows = std::to_array<CodeRow>({
     {LOG_ERR_POLICY, "a policy of the installation cannot be loaded"},
 });
 
+std::string explain(std::int32_t code) {
+    const auto *known = std::ranges::find(code_rows, code, &CodeRow::code);
+    return "code " + std::to_string(code) +
+           (known != code_rows.end() ? std::string(", ") + known->meaning : "");
+}
+
 // A performance log.
 class Log {
 public:
     explicit Log(const LogRow &row) {
         const std::int32_t code = log_util_perf_init(&handle_, row.module, row.logtype);
-        if (code == LOG_OK)
-            return;
-        const auto *known = std::ranges::find(code_rows, code, &CodeRow::code);
-        throw std::runtime_error("cannot open the log \"" + std::string(row.module) + "\": code " +
-                                 std::to_string(code) +
-                                 (known != code_rows.end() ? std::string(", ") + known->meaning : ""));
+        if (code != LOG_OK)
+            throw std::runtime_error("cannot open the log \"" + std::string(row.module) +
+                                     "\": " + explain(code));
     }
     ~Log() { log_util_perf_term(handle_); }
     Log(const Log &) = delete;
@@ -182,9 +186,13 @@ private:
     }
 
     // Names are a client's, and a file that holds what is no text is not read any more.
-    void write(const Row &row) const {
-        log_util_perf_end(logs_[row.log].handle(), &row.start, printable(row.name).c_str(), row.action,
-                          result_of(row.status).c_str(), row.retcode, LOG_TICK_CALLER, row.tick_end);
+    void write(const Row &row) {
+        const std::int32_t code =
+            log_util_perf_end(logs_[row.log].handle(), &row.start, printable(row.name).c_str(), row.action,
+                              result_of(row.status).c_str(), row.retcode, LOG_TICK_CALLER, row.tick_end);
+        if (code != LOG_OK && !losing_)
+            std::cerr << "zynrehearse: measurements are lost: " + explain(code) + '\n';
+        losing_ = code != LOG_OK;
     }
 
     std::array<Log, log_count> logs_{Log(log_rows[group_log]), Log(log_rows[script_log]),
@@ -194,6 +202,7 @@ private:
     std::map<std::uint64_t, log_perf_info> started_; // by connection, which has one request at a time
     std::vector<Row> waiting_;                       // guarded by mutex_, as the one above and the next
     bool ending_ = false;
+    bool losing_ = false; // what was written last was lost; of the thread alone
     std::thread thread_;
 };
 

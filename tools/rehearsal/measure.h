@@ -11,7 +11,8 @@ namespace rehearsal {
 // Rows go to three logs: "group" for failovers, "script" for scripts, "monitor" for notices and clears, one
 // for each monitor they told. The response times of the latter go to the metrics collector, too. Rows are
 // written on a thread of their own, so that a slow event daemon holds up no answer; a row's end time is that
-// of its writing, its response time is exact to a clock tick.
+// of its writing, its response time is exact to a clock tick. When rows begin to be lost, standard error says
+// so.
 class Measurements {
 public:
     // Opens the logs. Throws std::runtime_error that says which one cannot be, and why.

@@ -119,9 +119,13 @@ bool ScriptRun::spawn(const fs::path &file) {
     return !error;
 }
 
-void ScriptRun::watch(std::int32_t timeout) {
+void ScriptRun::await_end() {
     process_.async_wait(asio::posix::stream_descriptor::wait_read,
                         [self = shared_from_this()](const asio::error_code &) { self->on_end(); });
+}
+
+void ScriptRun::watch(std::int32_t timeout) {
+    await_end();
     if (timeout > 0) {
         timer_.expires_after(std::chrono::seconds{timeout});
         timer_.async_wait([self = shared_from_this()](const asio::error_code &error) {
@@ -135,6 +139,12 @@ void ScriptRun::watch(std::int32_t timeout) {
 void ScriptRun::on_end() {
     if (pid_ < 0) {
         return; // its time was up
+    }
+    // An event of a descriptor that was closed in another thread may be taken for this one's.
+    siginfo_t info = {};
+    if (waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0) {
+        await_end();
+        return;
     }
     const int state = reap();
     const int exitcode = WIFSIGNALED(state) ? 128 + WTERMSIG(state) : WEXITSTATUS(state);

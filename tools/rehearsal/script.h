@@ -51,6 +51,7 @@ private:
 
     bool spawn(const std::filesystem::path &file);
     void watch(std::int32_t timeout);
+    void await_end();
     void on_end();
     void on_timeout();
     void finish(ScriptResult result);

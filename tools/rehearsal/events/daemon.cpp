@@ -8,6 +8,7 @@
 #include "events/receive.h"
 #include "events/record.h"
 #include "journal.h"
+#include "text.h"
 
 #include <mutex>
 #include <ostream>
@@ -69,7 +70,7 @@ public:
         local_.emplace(io, socket_.release(), "unix", sink());
         if (options.port) {
             port_ = *options.port;
-            udp_.emplace(io, bind_udp(port_), "udp", sink());
+            udp_.emplace(io, bind_udp("127.0.0.1", port_), "udp", sink());
         }
         if (options.queue)
             queue_.emplace(tree_, sink(), [this](const char *transport, const std::string &text) {

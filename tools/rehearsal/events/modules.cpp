@@ -1,7 +1,7 @@
 // One function for each kind of record.
 #include "events/modules.h"
 
-#include "events/record.h"
+#include "text.h"
 
 #include <algorithm>
 #include <string_view>

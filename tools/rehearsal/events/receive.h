@@ -1,24 +1,15 @@
-// The three ways of records to the event daemon.
+// The ways of records to the event daemon: its socket and its queue; a third one is a UDP port.
 #pragma once
 
-#include "listen.h"
+#include "datagram.h"
 
-#include <asio/posix/stream_descriptor.hpp>
-
-#include <cstddef>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <mutex>
-#include <span>
 #include <string>
 #include <thread>
 
 namespace rehearsal {
-
-// Takes the bytes that came by a transport, at most one more than a record has; `size` is how many there
-// were.
-using Sink = std::function<void(const char *transport, std::span<const std::byte> bytes, std::size_t size)>;
 
 // Takes a word about a transport itself.
 using Note = std::function<void(const char *transport, const std::string &text)>;
@@ -27,26 +18,8 @@ std::filesystem::path local_socket(const std::filesystem::path &tree);
 // Whether a process reads a UNIX datagram socket.
 bool is_read(const std::filesystem::path &socket);
 
-// Non-blocking datagram sockets. Both throw std::system_error. The UNIX one takes the place of a socket that
-// nobody reads; the UDP one picks a free port for 0 and tells it in `port`.
+// A non-blocking datagram socket in the place of one that nobody reads. Throws std::system_error.
 Descriptor bind_local(const std::filesystem::path &path);
-Descriptor bind_udp(std::uint16_t &port);
-
-// Hands over what comes to a socket, on the thread that runs `io`.
-class SocketReader {
-public:
-    SocketReader(asio::io_context &io, Descriptor socket, const char *transport, Sink sink);
-    // Hands over what waits right now, at most so many; once no thread runs `io` any more.
-    void drain(int most = 1 << 16);
-
-private:
-    void wait();
-    bool read_one();
-
-    asio::posix::stream_descriptor socket_;
-    const char *transport_;
-    Sink sink_;
-};
 
 // Hands over what comes to the System V queue of a tree, on a thread of its own that blocks in it. The
 // system's queue holds some seven records: a burst of a sender that does not wait loses what finds no room. A

@@ -18,8 +18,4 @@ std::string read_record(std::span<const std::byte> bytes, EVENTC_LOG_INFO &recor
 // What is wrong with a module type, in words; an empty text when nothing is.
 std::string judge_type(std::string_view type);
 
-// The text as a terminal may be given it, on one line: newline and tab are written out, other control
-// characters (C1, too) and bytes that are no UTF-8 become "?".
-std::string printable(std::string_view text);
-
 } // namespace rehearsal

@@ -5,6 +5,7 @@
 #include "events/record.h"
 #include "log.h"
 #include "shmlog.h"
+#include "text.h"
 
 #include <charconv>
 #include <stdexcept>

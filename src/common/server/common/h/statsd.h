@@ -36,8 +36,9 @@ using STATSD_HANDLE = struct STATSD_IMPL *;
 
 // Reads the settings (policy "statsd" and the cluster configuration), opens the socket, and stores a handle,
 // which the caller ends with statsd_term. A name of a collector is resolved here and may take as long as the
-// resolver takes. Other calls of statsd_init and statsd_term wait for it; statsd_send does not.
-// Returns STATSD_RC_SUCCESS or the code of what failed; *handle is null then. Any thread may call it.
+// resolver takes. Other calls of statsd_init and statsd_term wait for it; statsd_send does not. A child that
+// is forked meanwhile must call neither of the two, since they would wait for ever. Returns STATSD_RC_SUCCESS
+// or the code of what failed; *handle is null then. Any thread may call it.
 STATSD_RC statsd_init(STATSD_HANDLE *handle);
 
 // Sends one value.
@@ -45,7 +46,8 @@ STATSD_RC statsd_init(STATSD_HANDLE *handle);
 // With metrics switched off, or a value that sampling leaves out, nothing is sent and that is a success.
 // Never waits, and no answer is expected: a value that the collector misses is lost. Line ends in names and
 // tags are sent as blanks. Returns STATSD_RC_SUCCESS, STATSD_RC_INVALID_ARG or STATSD_RC_SEND_FAIL. Any
-// thread may call it, also with one handle at the same time. No cancellation point.
+// thread may call it, also with one handle at the same time. No cancellation point. Sampling takes the lock
+// of random(3): a child that is forked while another thread samples must not send values that are sampled.
 STATSD_RC statsd_send(STATSD_HANDLE handle, STATSD_METHOD method, int value, const STATSD_TAG *tags,
                       int tag_num);
 

@@ -47,7 +47,8 @@ enum : std::int32_t {
 // it opens its trace through this library, which in turn reads its settings from the store: one order for
 // both, and recursive for the calls that come back. A child that is forked while another thread is inside
 // log_init or log_term finds it, and the locks taken under it, held for ever: fork before such threads start,
-// or call neither of the two, nor the configuration store, nor write an event (which reads it), in the child.
+// or open and end no log of any kind in the child, nor call the configuration store, nor write an event
+// (which reads it).
 extern std::recursive_mutex loglibmutex;
 
 // Opens a log handle for one module and announces the module to the event daemon.
@@ -140,7 +141,8 @@ std::int32_t log_util_perf_start(log_perf_info *perfinfo, std::int32_t tickuse, 
 //   name, action, result  NUL-terminated
 //   retcode               LOG_RETCODE_NONE for none
 //   tickuse, tickend      as at the start; with LOG_TICK_NONE times stay empty, and the emitter gets nothing
-// Returns as log_util_write; a metric that could not be sent is no failure.
+// Returns as log_util_write; a metric that could not be sent is no failure. Any thread may call it, also with
+// one handle at the same time.
 std::int32_t log_util_perf_end(void *phandle, const log_perf_info *perfinfo, const char *name,
                                const char *action, const char *result, std::int32_t retcode,
                                std::int32_t tickuse, std::uint64_t tickend);

@@ -65,11 +65,7 @@ std::int32_t write_line(const LOGLIB_OBJ *plogobj, std::int32_t level, std::int3
     log_cre_record(&record, EVENTC_REQ_LOCAL, plogobj->modtype);
     record.destinfo.local.loglevel = level;
     log_cre_localmsg(plogobj, &record, level, eid, source.filename, source.line, source.func, message);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_send(plogobj, &record);
 }
 
 // Whether a message is written at all: LOG_OK, or what log_write returns. *written tells which.

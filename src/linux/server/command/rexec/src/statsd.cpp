@@ -15,8 +15,6 @@
 #include <mutex>
 #include <utility>
 
-void *g_loghandle = nullptr;
-
 namespace {
 
 constexpr char module_type[] = "statsd";
@@ -137,10 +135,11 @@ STATSD_RC create_handle(STATSD_HANDLE *handle) {
     return STATSD_RC_SUCCESS;
 }
 
-// Without a handle the log may be opened or closed by another thread meanwhile.
+// Without a handle the log may be opened or closed by another thread meanwhile. That may take as long as a
+// resolver does, and a refusal does not wait for it: then the line is left out.
 STATSD_RC refuse_null_handle(const char *function) {
-    const std::lock_guard lock(g_mutex);
-    if (g_loghandle != nullptr)
+    const std::unique_lock lock(g_mutex, std::try_to_lock);
+    if (lock.owns_lock() && g_loghandle != nullptr)
         log_write(g_loghandle, 1, 0, "src/statsd", __LINE__, function, "handle is invalid.(null)");
     return STATSD_RC_INVALID_ARG;
 }

@@ -56,7 +56,7 @@ struct STATSD_IMPL {
 
 // The emitter's log, null while it is closed. Opens with the first handle and closes with the last, under the
 // mutex of both: who has a handle, or that mutex, may write to it.
-extern void *g_loghandle;
+inline void *g_loghandle = nullptr;
 
 #define STATSD_LOG(level, ...)                                                                               \
     (g_loghandle != nullptr                                                                                  \

@@ -63,14 +63,6 @@ void fill_record(Sending *sending) {
     alert.loglevel = sending->event.loglevel;
 }
 
-std::int32_t send(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *record, std::int32_t convflag) {
-    const std::int32_t ret = log_send_data(plogobj, record, convflag);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
-}
-
 // Begins the record anew for a destination, and returns what differs from one to the next.
 EVENTC_LOG_ALERT &begin(Sending *sending, eventc_request_type dest, const char *cmdtype) {
     EVENTC_LOG_ALERT &alert = sending->record.destinfo.alert;
@@ -82,7 +74,7 @@ EVENTC_LOG_ALERT &begin(Sending *sending, eventc_request_type dest, const char *
 }
 
 std::int32_t send_counted(Sending *sending) {
-    return send(sending->plogobj, &sending->record, sending->converted++);
+    return log_send(sending->plogobj, &sending->record, sending->converted++);
 }
 
 bool is_tagged(const Sending &sending) {
@@ -111,7 +103,7 @@ std::int32_t send_alert(Sending *sending, const char *name) {
 std::int32_t send_pubsub(Sending *sending, const char *) {
     const std::size_t length = std::strlen(sending->text);
     std::memcpy(begin(sending, EVENTC_REQ_PUBSUB, "").msg, sending->text, length);
-    return send(sending->plogobj, &sending->record, sending->converted);
+    return log_send(sending->plogobj, &sending->record, sending->converted);
 }
 
 std::int32_t send_commands(Sending *sending, const char *name) {
@@ -164,7 +156,7 @@ std::int32_t send_uptime(Sending *sending, const char *name) {
                   event.eid, sending->text);
 #pragma GCC diagnostic pop
     log_end_line(record.destinfo.local.msg);
-    return send(sending->plogobj, &record, 0);
+    return log_send(sending->plogobj, &record, 0);
 }
 
 // Destinations that are not an alert of their name. The name in the table goes into the record.

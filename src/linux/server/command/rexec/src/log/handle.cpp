@@ -48,13 +48,11 @@ std::int32_t log_open_handle(LOGLIB_OBJ *plogobj, const char *modtype, std::int3
         LOG_DEBUG("socket err:%d", ret);
         return ret;
     }
-    const bool announced =
-        log_announce(plogobj, plogobj->modtype, plogobj->level, plogobj->size, startendmsgflag);
-    return announced ? LOG_OK : LOG_ERR_DAEMON;
+    return log_announce(plogobj, plogobj->modtype, plogobj->level, plogobj->size, startendmsgflag);
 }
 
-bool log_announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t level, std::int32_t size,
-                  std::int32_t startendmsgflag) {
+std::int32_t log_announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t level, std::int32_t size,
+                          std::int32_t startendmsgflag) {
     EVENTC_LOG_INFO record;
     log_cre_record(&record, EVENTC_REQ_INITIALIZE, type);
     EVENTC_LOG_INIT &init = record.destinfo.init;
@@ -66,19 +64,12 @@ bool log_announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t leve
     log_copy_text(init.dirpath, plogobj->path);
     log_copy_text(init.header, plogobj->header);
     log_copy_text(record.perflogname, plogobj->perflogname);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret != EVENTC_RECORD_LEN)
-        LOG_DEBUG("sendto err:%d", ret);
-    return ret == EVENTC_RECORD_LEN;
+    return log_send(plogobj, &record);
 }
 
 std::int32_t log_end_handle(LOGLIB_OBJ *plogobj) {
     const LogHandle ended(plogobj);
     EVENTC_LOG_INFO record;
     log_cre_record(&record, EVENTC_REQ_TERMINATE, plogobj->modtype);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_send(plogobj, &record);
 }

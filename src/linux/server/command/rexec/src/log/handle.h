@@ -20,10 +20,10 @@ LogHandle log_new_handle();
 std::int32_t log_open_handle(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t level, std::int32_t size,
                              const char *path, std::int32_t startendmsgflag);
 
-// Sends an INITIALIZE record; `startendmsgflag` 1 lets the daemon note the module's start. Whether it was
-// sent.
-bool log_announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t level, std::int32_t size,
-                  std::int32_t startendmsgflag);
+// Sends an INITIALIZE record; `startendmsgflag` 1 lets the daemon note the module's start. Returns LOG_OK or
+// LOG_ERR_DAEMON.
+std::int32_t log_announce(const LOGLIB_OBJ *plogobj, const char *type, std::int32_t level, std::int32_t size,
+                          std::int32_t startendmsgflag);
 
 // Announces the end of the log, which may have failed, and frees the handle in any case. The caller holds
 // loglibmutex. Returns LOG_OK or LOG_ERR_DAEMON.

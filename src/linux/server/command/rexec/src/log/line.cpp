@@ -6,6 +6,7 @@
 #include <charconv>
 #include <cstring>
 #include <ctime>
+#include <mutex>
 #include <string_view>
 
 #include <pthread.h>
@@ -107,12 +108,18 @@ struct Second {
 // localtime_r does not read the zone. Before any thread: a forked child must not find this half done.
 const bool zone_read [[maybe_unused]] = (tzset(), true);
 
+// The system library has a lock of its own around the zone: a child that is forked while it is held would
+// wait for it for ever. Who forks waits for this one instead.
+std::mutex zone_mutex;
+const int zone_released [[maybe_unused]] =
+    pthread_atfork([] { zone_mutex.lock(); }, [] { zone_mutex.unlock(); }, [] { zone_mutex.unlock(); });
+
 const Second &local_second(time_t seconds) {
     static thread_local Second last;
     if (last.seconds == seconds)
         return last;
     tm local = {};
-    localtime_r(&seconds, &local);
+    log_local_time(seconds, &local);
     std::snprintf(last.text, sizeof(last.text), "%04d/%02d/%02d %02d:%02d:%02d", local.tm_year + 1900,
                   local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec);
     last.day = std::string_view(last.text).find('/') + 1;
@@ -163,6 +170,11 @@ void print_line(const char *text, std::int32_t tid) {
 }
 
 } // namespace
+
+void log_local_time(time_t seconds, std::tm *local) {
+    const std::lock_guard lock(zone_mutex);
+    localtime_r(&seconds, local);
+}
 
 void log_cre_datestr(char *pdatestr, std::int32_t level, std::int32_t showyearflag) {
     timeval now = {};

@@ -5,6 +5,9 @@
 
 inline constexpr std::size_t LOG_DATE_LEN = 24; // the longest stamp, with its NUL
 
+// localtime_r, which a forked child may call whatever other threads did when it was forked.
+void log_local_time(time_t seconds, std::tm *local);
+
 // Writes the time stamp of a message, of at most LOG_DATE_LEN bytes: "YYYY/MM/DD hh:mm:ss.mmm" at
 // LOG_LEVEL_EVENT, else "YY/MM/DD hh:mm:ss.mmm" where `showyearflag` is 1, or without the year.
 void log_cre_datestr(char *pdatestr, std::int32_t level, std::int32_t showyearflag);

@@ -120,7 +120,7 @@ LocalTime now() {
     timeval time = {};
     gettimeofday(&time, nullptr);
     LocalTime local;
-    localtime_r(&time.tv_sec, &local.tm);
+    log_local_time(time.tv_sec, &local.tm);
     local.ms = static_cast<std::int32_t>(time.tv_usec / 1000);
     return local;
 }
@@ -207,6 +207,7 @@ public:
         tag = {};
         key.copy(tag.key, sizeof(tag.key) - 1);
         value.copy(tag.value, sizeof(tag.value) - 1);
+        log_end_text(tag.value, sizeof(tag.value), static_cast<int>(value.size()));
     }
     const STATSD_TAG *get() const { return tags_; }
     int count() const { return count_; }
@@ -238,6 +239,7 @@ std::int32_t log_util_perf_init(void **pphandle, const char *modtype, std::int32
         return LOG_ERR_PARAMETER;
     const CancelDisabled whole;
     const PerfSettings settings = read_settings(*kind);
+    ticks_per_second(); // asked for now, so that no measurement waits for the lock
     const auto hsize = static_cast<std::int32_t>(kind->header.size() + 1);
     const std::int32_t ret = log_util_init(modtype, pphandle, logtype, 0, settings.size, settings.rotate,
                                            hsize, kind->header.data(), nullptr);

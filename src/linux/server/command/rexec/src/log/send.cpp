@@ -244,6 +244,14 @@ std::int32_t log_send_data(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *plogsend,
     return -1;
 }
 
+std::int32_t log_send(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *plogsend, std::int32_t convflag) {
+    const std::int32_t ret = log_send_data(plogobj, plogsend, convflag);
+    if (ret == EVENTC_RECORD_LEN)
+        return LOG_OK;
+    LOG_DEBUG("sendto err:%d", ret);
+    return LOG_ERR_DAEMON;
+}
+
 std::int32_t log_conv_byteorder(EVENTC_LOG_INFO *preqinfo, std::int32_t convflag) {
     std::int32_t *fields[2] = {nullptr, nullptr};
     switch (preqinfo->dest) {

@@ -14,6 +14,9 @@ void log_close_sock(LOGLIB_OBJ *plogobj);
 // wait that ran out, until a send succeeds again. Any thread may call it.
 std::int32_t log_send_data(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *plogsend, std::int32_t convflag);
 
+// The same with the result of an operation: LOG_OK or LOG_ERR_DAEMON.
+std::int32_t log_send(const LOGLIB_OBJ *plogobj, EVENTC_LOG_INFO *plogsend, std::int32_t convflag = 0);
+
 // Converts `dest` and, with `convflag` 0, the other integers of a record that travel in network order; a
 // record that is sent again has them converted already. Returns 0, or 9 for an unknown `dest`.
 std::int32_t log_conv_byteorder(EVENTC_LOG_INFO *preqinfo, std::int32_t convflag);

@@ -64,11 +64,7 @@ std::int32_t write_text(const LOGLIB_OBJ *plogobj, const char *text) {
     log_cre_record(&record, EVENTC_REQ_LOCAL, plogobj->modtype);
     record.destinfo.local.loglevel = LOG_LEVEL_INFO;
     log_cre_localmsg_ex(plogobj, &record, text);
-    const std::int32_t ret = log_send_data(plogobj, &record, 0);
-    if (ret == EVENTC_RECORD_LEN)
-        return LOG_OK;
-    LOG_DEBUG("sendto err:%d", ret);
-    return LOG_ERR_DAEMON;
+    return log_send(plogobj, &record);
 }
 
 void describe(LOGLIB_OBJ *plogobj, const char *modtype, std::int32_t logtype, std::int32_t rotate,
