@@ -177,7 +177,7 @@ std::string Store::reason_without_store(const Key &key) {
 
 Answered Store::answer(const Key *key, const std::string &path) {
     if (key != nullptr && key->path == charset_key)
-        return {charset_, "", false};
+        return {charset_, start_code_ == XMLLIB_OK ? "" : standalone_reason(), false};
     if (key != nullptr)
         if (const std::string reason = reason_without_store(*key); !reason.empty())
             return {std::nullopt, reason, is_of_command(*key)};
