@@ -138,6 +138,19 @@ grep -qxF "/root/statsd/metrics/%s/type = 2	built-in default" "$folder/list" || 
 diff <("$zynconfig" list --root "$root" metrics) <(grep ^/root/statsd/ "$folder/list") || fail "list of a module"
 (cd "$folder" && "$zynconfig" get --bare --root root/../root/ /root/all/path) | grep -qx /srv || fail "a relative root"
 
+# bare VALUE PATH CONTENT: what a script gets.
+bare() {
+    change "zyn.conf=<root>$3</root>"
+    "$zynconfig" get --bare --root "$root" "$2" >"$folder/out" || true
+    [[ $(<"$folder/out") == "$1" ]] || fail "get --bare $2: $(<"$folder/out")"
+}
+bare rexec /root/rexec/type ""
+bare rexec /root/rexec/type "<rexec><type>{x 32}</type></rexec>"
+bare "a b" /root/rexec/type "<rexec><type> a b </type></rexec>"
+bare 77 /root/rexec/log/size "<rexec><log><size>-1</size></log></rexec><log><log><size>77</size></log></log>"
+bare 70000 /root/cluster/trns/port "<cluster><trns><port>70000</port></trns></cluster>"
+bare "" /root/cluster/trns/port "<cluster><trns><port>no</port></trns></cluster>"
+
 echo "-- options"
 # refused COMMAND: with exit status 3, and a word on standard error.
 refused() {

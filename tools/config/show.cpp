@@ -22,8 +22,26 @@ std::string source_of(const Answered &answered) {
     return answered.found ? describe_place(answered.found->file, answered.found->place) : "built-in default";
 }
 
-Verdict verdict_of(const Key &key, const Answered &answered) {
-    return answered.found ? judge(key, answered.found->reading) : judge_absence(key, answered);
+// With the value of another key where that is taken in its place.
+Verdict verdict_of(Store &store, const Key &key, const Answered &answered) {
+    if (!answered.found)
+        return judge_absence(key, answered);
+    const Reading &reading = answered.found->reading;
+    Verdict verdict = judge(key, reading);
+    const Key *other = find_key("/root/log/log/size");
+    if (key.otherwise == Otherwise::log_size && reading.number_code == XMLLIB_OK &&
+        !is_in_range(key, reading.number))
+        verdict.taken = verdict_of(store, *other, store.answer(other, other->path)).taken;
+    return verdict;
+}
+
+// What the module works with, for a script.
+std::string bare_value(const Key *key, const Answered &answered, const Verdict &verdict) {
+    if (key != nullptr && key->kind == Kind::integer)
+        return verdict.taken;
+    if (answered.found && verdict.severity != Severity::error)
+        return printable(answered.found->reading.text, path_max);
+    return key != nullptr && key->standard != nullptr ? key->standard : "";
 }
 
 std::string line(const char *label, const std::string &text) {
@@ -62,15 +80,10 @@ std::optional<Shown> show_path(Store &store, const std::string &path, bool bare)
     const Answered answered = store.answer(key, path);
     Verdict verdict;
     if (key != nullptr)
-        verdict = verdict_of(*key, answered);
+        verdict = verdict_of(store, *key, answered);
     const bool taken = key != nullptr ? !verdict.taken.starts_with("none") : answered.found.has_value();
-    if (bare) {
-        const bool text = key == nullptr || key->kind == Kind::text;
-        const std::string value = answered.found && text && verdict.severity != Severity::error
-                                      ? printable(answered.found->reading.text, path_max)
-                                      : verdict.taken;
-        return Shown{taken ? value + '\n' : "", taken};
-    }
+    if (bare)
+        return Shown{taken ? bare_value(key, answered, verdict) + '\n' : "", taken};
     std::string shown = printable(path, path_max) + '\n';
     shown += answered.found ? show_reading(*answered.found)
                             : line("from", key != nullptr ? "built-in default" : "no file has it");
@@ -92,7 +105,7 @@ std::optional<std::string> list_keys(Store &store, const std::string &module) {
             continue;
         for (const std::string &path : store.paths_of(key)) {
             const Answered answered = store.answer(&key, path);
-            const Verdict verdict = verdict_of(key, answered);
+            const Verdict verdict = verdict_of(store, key, answered);
             listed += printable(path, path_max) + " = " + verdict.taken + '\t' + source_of(answered);
             listed += (verdict.note.empty() ? "" : '\t' + verdict.note) + '\n';
         }

@@ -49,6 +49,7 @@ std::string describe_number(const Key &key, std::int32_t number) {
 std::string correct(const Key &key, std::int32_t number) {
     switch (key.otherwise) {
     case Otherwise::as_is:
+    case Otherwise::unconnected:
         return describe_number(key, number);
     case Otherwise::nearer:
         return std::to_string(number < key.range.low ? key.range.low : key.range.high);
@@ -59,8 +60,6 @@ std::string correct(const Key &key, std::int32_t number) {
         return "0";
     case Otherwise::log_size:
         return "the size in the policy \"log\"";
-    case Otherwise::unconnected:
-        return std::to_string(number) + ", to which nothing connects";
     }
     return {};
 }
@@ -92,7 +91,9 @@ Verdict judge_number(const Key &key, const Reading &reading) {
                     ": taken is " + taken,
                 Severity::error};
     if (!in_range)
-        return {taken, value + " is out of range (" + describe_range(key) + "): taken is " + taken,
+        return {taken,
+                value + " is out of range (" + describe_range(key) + "): taken is " + taken +
+                    (is_port_of_servers(key) ? ", to which nothing connects" : ""),
                 is_port_of_servers(key) ? Severity::error : Severity::warning};
     if (reading.text.empty())
         return {taken, "an empty element reads as 0", Severity::warning};

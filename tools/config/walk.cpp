@@ -4,6 +4,7 @@
 #include "xmlin/query.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <vector>
 
@@ -12,6 +13,9 @@ namespace {
 
 constexpr std::size_t name_max = sizeof(ZYNXML_ELEMENT::name) - 1;
 constexpr std::size_t attr_max = sizeof(ZYNXML_ELEMENT::attr) - 1;
+
+// What a cluster configuration may hold for others: it names the things of the cluster, and is no setting.
+constexpr auto inventory = std::to_array<std::string_view>({"group", "resource", "monitor", "server"});
 
 std::string name_of(const xmlNode *element) {
     return reinterpret_cast<const char *>(element->name);
@@ -89,6 +93,9 @@ private:
         const std::string_view wanted = named.empty() ? "" : named[0]->steps[depth].attr;
         const bool by_attr = !wanted.empty();
         const std::string step = by_attr ? name + '@' + attr : name;
+        if (named.empty() && kind_.policy == nullptr && depth == 1 &&
+            std::find(inventory.begin(), inventory.end(), name) != inventory.end())
+            return;
         if (!check_name(node, path + '/' + name, name, attr, depth, !named.empty()))
             return;
         if (by_attr && !check_attribute(node, *named[0]->key, wanted, name, attr))
