@@ -4,7 +4,8 @@ set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
 
 build_packages=(g++ cmake ninja-build pkg-config libxml2-dev libxml2-utils libgtest-dev libcli11-dev libasio-dev)
-test_packages=(mandoc zsh fish strace iproute2)
+package_packages=(dpkg-dev binutils) # for cpack
+test_packages=(mandoc man-db zsh fish strace iproute2 lintian systemd "${package_packages[@]}")
 
 # install_packages NAME...: those of the packages that are not installed yet.
 install_packages() {
