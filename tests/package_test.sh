@@ -152,6 +152,7 @@ expect "nothing is enabled" test -z "$(find "$root/etc/systemd" "$root/etc/rc"* 
 told 'daemon-reload\n'
 expect "found by everybody" test "$(in_root setpriv --reuid 65534 --clear-groups zynrexec --help | sed -n 1p)" = \
     "$("$build/bin/zynrexec" --help | sed -n 1p)"
+expect "the install directory is filled in" grep -qF "<path>$install_dir</path>" "$root$etc_opt/policy/all.pol"
 expect "the sample is there" in_root test -s "$install_dir/etc/zyn.conf.sample"
 in_root zynrehearse --install-tree /tree >/dev/null
 expect "a tree for a rehearsal has the command" cmp "$root/tree/bin/zynrexec" "$root$install_dir/bin/zynrexec"
