@@ -1,3 +1,4 @@
+// The characters of a text.
 #include "text.h"
 
 #include <algorithm>
