@@ -90,6 +90,9 @@ zyn.conf:70002:1: error: /root/rexec/cmdto: "?2J" is no integer: taken is the bu
 LINES
 "$zynconfig" get --root "$root" /root/rexec/type | grep -q '^  value     "a?31m?c?d?e"$' || fail "get: control characters"
 
+mv "$root" "$folder/r"$'\xc1\x81\x1b'
+("$zynconfig" check --root "$folder/r"$'\xc1\x81\x1b' || true) | grep -q "^$folder/r??/etc/zyn.conf:70002:1: error: " || fail "a directory's name"
+
 echo "-- no file, and large ones"
 change ""
 rm "$etc/zyn.conf"
