@@ -1,11 +1,12 @@
+// Files first, in the order of their names, and then what only the whole of them shows.
 #include "check.h"
 
 #include "text.h"
 #include "verdict.h"
 #include "walk.h"
+#include "xmlin/file.h"
 
 #include <algorithm>
-#include <array>
 #include <filesystem>
 
 namespace config {
@@ -14,9 +15,6 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int findings_max = 200; // of one file
-constexpr auto subdirectories = std::to_array<const char *>(
-    {"", "resource/", "monitor/", "heartbeat/", "networkpartition/", "forcestop/"});
-
 bool is_known(const std::string &policy) {
     return std::any_of(all_policies().begin(), all_policies().end(),
                        [&](const char *known) { return policy == known; });
@@ -89,8 +87,9 @@ private:
              at.increment(error)) {
             const std::string name = at->path().filename();
             if (name == "policy" || name.starts_with("policy."))
-                for (const char *below : subdirectories)
-                    found.push_back(at->path().string() + '/' + below);
+                for (std::string directory : _policypath)
+                    found.push_back(
+                        directory.replace(directory.find("%s", store_.directory().size()), 2, name));
         }
         std::sort(found.begin(), found.end());
         return found;

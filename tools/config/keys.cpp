@@ -1,3 +1,4 @@
+// The table of keys, and what its columns mean.
 #include "keys.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Parsing under watch: places and problems are collected while the store's parser works.
 #include "look.h"
 
 #include "text.h"

@@ -1,3 +1,4 @@
+// Names from the configuration, the directory of scripts and /etc/hosts.
 #include "names.h"
 
 #include "look.h"

@@ -1,3 +1,4 @@
+// What is printed of keys.
 #include "show.h"
 
 #include "text.h"

@@ -1,3 +1,4 @@
+// Which documents answer a key is decided by the store; here they are loaded as its modules load them.
 #include "store.h"
 
 #include "xmlin/file.h"

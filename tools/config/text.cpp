@@ -1,3 +1,4 @@
+// The characters of a text.
 #include "text.h"
 
 #include <algorithm>
@@ -21,6 +22,9 @@ constexpr auto unprintable = std::to_array<Block>({{0x00, 0x1f},
                                                    {0xfeff, 0xfeff},
                                                    {0xe0000, 0xe007f}});
 
+// By bytes in UTF-8. What is written in more bytes than it needs is no UTF-8.
+constexpr auto smallest = std::to_array<int>({0, 0, 0x80, 0x800, 0x10000});
+
 bool is_printable(int character) {
     return character >= 0 &&
            std::none_of(unprintable.begin(), unprintable.end(), [character](const Block &block) {
@@ -38,9 +42,10 @@ std::string printable(std::string_view text, std::size_t limit) {
         const int character =
             xmlGetUTF8Char(reinterpret_cast<const unsigned char *>(whole.data() + at), &length);
         const std::size_t bytes = character >= 0 ? static_cast<std::size_t>(length) : 1;
+        const bool shortest = character >= smallest[bytes];
         if (shown.size() + bytes > limit)
             return shown + "...";
-        shown += is_printable(character) ? whole.substr(at, bytes) : "?";
+        shown += shortest && is_printable(character) ? whole.substr(at, bytes) : "?";
         at += bytes;
     }
     return shown;

@@ -1,3 +1,4 @@
+// Values as the modules take them: the rules of the table's columns.
 #include "verdict.h"
 
 #include "text.h"

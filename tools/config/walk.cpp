@@ -1,3 +1,4 @@
+// One walk over a tree, with the rows of the table that an element may still belong to.
 #include "walk.h"
 
 #include "text.h"
