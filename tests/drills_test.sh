@@ -254,7 +254,7 @@ if (($# == 0)); then
     done
     # What the README shows of the first drill is how its page begins.
     shown=$(console_blocks "$sources/README.md")
-    [[ -n $shown && $(console_blocks "$sources/doc/drills/first-failover.md") == "$shown"* ]] ||
+    [[ -n $shown && $(console_blocks "$sources/doc/drills/first-failover.md") == "$shown"$'\n'* ]] ||
         fail "README.md does not show the beginning of first-failover.md"
     # A page that is wrong in every way has to be found wrong in every way, and in no other.
     status=0
