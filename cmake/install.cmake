@@ -18,11 +18,12 @@ configure_file(cmake/install_tree.cmake.in install_tree.cmake @ONLY)
 
 install(SCRIPT ${PROJECT_BINARY_DIR}/install_check.cmake)
 install(TARGETS zynrexec RUNTIME DESTINATION bin)
+install(TARGETS zynconfig RUNTIME DESTINATION bin OPTIONAL) # where it was built beside the command
 install(FILES $<TARGET_FILE:zyn_link_target> DESTINATION lib)
 # The manuals of what is installed: share/man below the prefix, which a PATH with its bin beside it leads man to, and
 # where the distribution has them in a package (CMAKE_INSTALL_MANDIR).
 include(GNUInstallDirs)
-foreach(ZYN_PAGE zynrexec.8 zynrexec-results.7 zyn.conf.5)
+foreach(ZYN_PAGE zynrexec.8 zynconfig.8 zynrexec-results.7 zyn.conf.5)
   string(REGEX REPLACE ".*[.]" "man" ZYN_SECTION ${ZYN_PAGE})
   install(FILES doc/man/${ZYN_PAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/${ZYN_SECTION})
 endforeach()

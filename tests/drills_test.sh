@@ -225,6 +225,15 @@ echo "${#played[@]} pages played, $wrong of them wrong"
 
 # ---- what holds for all pages, and for this test ----
 
+# headings_of FILE: its headings as the ends of links to them.
+headings_of() {
+    sed -nE 's/^#+ //p' "$1" | tr '[:upper:]' '[:lower:]' | sed 's/[^a-z0-9 _-]//g; s/ /-/g'
+}
+# console_blocks FILE: the commands in it, and what they print.
+console_blocks() {
+    sed -n '/^```console$/,/^```$/ { /^```/d; p }' "$1"
+}
+
 if (($# == 0)); then
     headings='What you see,What it means,What it does not prove,What to check next,Drill it,How it ends,'
     for page in "$sources"/doc/drills/*.md; do
@@ -234,10 +243,19 @@ if (($# == 0)); then
                 fail "$name: other headings than $headings"
             grep -q "]($name)" "$sources/doc/drills/README.md" || fail "$name is not in the index"
         fi
+    done
+    for page in "$sources"/README.md "$sources"/doc/*.md "$sources"/doc/drills/*.md; do
         while read -r link; do
-            [[ -e $sources/doc/drills/${link%%#*} ]] || fail "$name: $link leads nowhere"
+            file=$page
+            [[ $link == "#"* ]] || file=$(dirname "$page")/${link%%#*}
+            [[ -e $file ]] || fail "$page: $link leads nowhere"
+            [[ $link != *"#"* ]] || headings_of "$file" | grep -qxF "${link#*#}" || fail "$page: no heading for $link"
         done < <(grep -oE '\]\([^)]+\)' "$page" | sed 's/^](//; s/)$//')
     done
+    # What the README shows of the first drill is how its page begins.
+    shown=$(console_blocks "$sources/README.md")
+    [[ -n $shown && $(console_blocks "$sources/doc/drills/first-failover.md") == "$shown"$'\n'* ]] ||
+        fail "README.md does not show the beginning of first-failover.md"
     # A page that is wrong in every way has to be found wrong in every way, and in no other.
     status=0
     ZYN_DRILL_SLACK_MS=0 bash "$self" "$bin" "$install_dir" "$sources" --play "$sources/tests/data/wrong_drill.md" \

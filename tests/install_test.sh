@@ -63,6 +63,7 @@ path_in() {
 
 cat >"$folder/listing" <<'LIST'
 bin
+bin/zynconfig
 bin/zynrexec
 etc
 etc/policy
@@ -89,6 +90,7 @@ share/man/man5/zyn.conf.5
 share/man/man7
 share/man/man7/zynrexec-results.7
 share/man/man8
+share/man/man8/zynconfig.8
 share/man/man8/zynrexec.8
 tmp
 work
@@ -103,6 +105,7 @@ expect "link" test "$(readlink "$link")" = "$prefix/lib/libzynxml.so.1.0.0"
 expect "the link outlives ldconfig" test -L "$link"
 expect "path" test "$(path_in "$prefix")" = "$prefix"
 expect "command" cmp "$build/bin/zynrexec" "$prefix/bin/zynrexec"
+expect "zynconfig" cmp "$build/bin/zynconfig" "$prefix/bin/zynconfig"
 expect "command can be run" test -x "$prefix/bin/zynrexec"
 for name in log event cluster trnsv rexec statsd; do
     expect "$name.pol" cmp {"$sources","$prefix"}/etc/policy/$name.pol
@@ -205,8 +208,8 @@ cp -r "$tree" "$folder/by_hand"
 rm -rf "$tree"
 expect "installs" install_to "$tree"
 diff -r "$folder/by_hand" "$tree" >"$folder/differences" || true
-expect "as installed, but for the link's target and the manuals" \
-    diff <(printf "Only in $tree: %s\n" lib share) "$folder/differences"
+expect "as installed, but for zynconfig, the link's target and the manuals" \
+    diff <(printf "Only in $tree%s\n" /bin:\ zynconfig :\ {lib,share}) "$folder/differences"
 echo '<root><all><core>0</core></all></root>' >"$tree/etc/zyn.conf"
 sed -i 's/>180</>300</' "$tree/etc/policy/rexec.pol"
 echo left over >"$tree/etc/policy/log.pol.new"

@@ -5,8 +5,10 @@
 #include "verdict.h"
 #include "walk.h"
 #include "xmlin/file.h"
+#include "xmllib.h"
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
 
 namespace config {
@@ -15,6 +17,23 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int findings_max = 200; // of one file
+
+// A value that is of no use without another key.
+struct Need {
+    const char *path;
+    std::int32_t low; // the values that it is about
+    std::int32_t high;
+    const char *needed;  // counts as absent with an integer 0, too
+    const char *without; // what happens then
+    Severity severity;
+};
+constexpr auto needs = std::to_array<Need>({
+    {"/root/statsd/mode", 1, 2, "/root/statsd/server/host", "no metric is sent", Severity::error},
+    {"/root/statsd/mode", 2, 2, "/root/statsd/metrics/monitor_response_time/custom_tag", "no metric is sent",
+     Severity::error},
+    {"/root/cluster/event/method", 1, 1, "/root/cluster/event/port", "the socket is used", Severity::warning},
+});
+
 bool is_known(const std::string &policy) {
     return std::any_of(all_policies().begin(), all_policies().end(),
                        [&](const char *known) { return policy == known; });
@@ -34,6 +53,7 @@ public:
                 check_directory(directory);
             check_policies();
             check_keys();
+            check_needs();
         }
         report_.text += "zynconfig: " + printable(store_.directory(), 4096) + ": " +
                         count(report_.errors, "error") + ", " + count(report_.warnings, "warning") + ", " +
@@ -151,6 +171,25 @@ private:
                      std::string(key.path) + " is not set: taken is " +
                          (verdict.severity == Severity::info ? "the built-in default, " : "") +
                          verdict.taken);
+        }
+    }
+
+    Answered answer(const char *path) { return store_.answer(find_key(path), path); }
+
+    void check_needs() {
+        for (const Need &need : needs) {
+            const Answered value = answer(need.path);
+            if (!value.found || value.found->reading.number_code != XMLLIB_OK ||
+                value.found->reading.number < need.low || value.found->reading.number > need.high)
+                continue;
+            const Answered needed = answer(need.needed);
+            const bool integer = find_key(need.needed)->kind == Kind::integer;
+            if (needed.found && !(integer && needed.found->reading.number == 0))
+                continue;
+            begin(value.found->file);
+            tell(value.found->place, need.severity,
+                 std::string(need.path) + " " + std::to_string(value.found->reading.number) + " needs " +
+                     need.needed + ", which is not set: " + need.without);
         }
     }
 

@@ -29,6 +29,16 @@ std::string first_attribute(const xmlNode *element) {
     return has_text ? reinterpret_cast<const char *>(attribute->children->content) : "";
 }
 
+// Of the attributes that no path asks for the first; those of a namespace are not meant as settings.
+const xmlAttr *first_unread(const xmlNode *element, bool by_attr) {
+    const xmlAttr *attribute = element->properties;
+    if (by_attr && attribute != nullptr)
+        attribute = attribute->next;
+    while (attribute != nullptr && attribute->ns != nullptr)
+        attribute = attribute->next;
+    return attribute;
+}
+
 bool is_blank(const xmlNode *node) {
     return node->content == nullptr ||
            std::string_view(reinterpret_cast<const char *>(node->content)).find_first_not_of(" \t\r\n") ==
@@ -107,6 +117,10 @@ private:
                      std::to_string(place_of(first->second).line) + ": only the first is read");
             return;
         }
+        if (const xmlAttr *unread = first_unread(node, by_attr); unread != nullptr)
+            tell(node, Severity::warning,
+                 "the attribute " + printable(reinterpret_cast<const char *>(unread->name)) + " of " +
+                     tag(name) + ", which nobody reads: a setting is an element");
         if (named[0]->steps.size() == depth + 1)
             value(node, path + '/' + step, *named[0]->key);
         else
