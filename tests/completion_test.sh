@@ -4,33 +4,12 @@
 set -euo pipefail
 export LC_ALL=C
 bin=$1 sources=$2 install_dir=$3
-top=/$(cut -d/ -f2 <<<"$install_dir")
+source "$(dirname "$0")/support/shell.sh"
+for tool in zsh fish strace; do
+    type -P $tool >/dev/null || skip "there is no $tool; scripts/test installs it"
+done
+own_root "$bin" "$install_dir" "" "$@"
 
-skip() {
-    echo "skipped: $*"
-    exit 77
-}
-
-if [[ ${4-} != inside ]]; then
-    [[ $bin/ != "$top"/* ]] || skip "the build lies in $top, which would be hidden"
-    for tool in zsh fish strace; do
-        type -P $tool >/dev/null || skip "there is no $tool; scripts/test installs it"
-    done
-    for link in /usr/lib64/libzynxml.so.1.0 /usr/lib/libzynxml.so.1.0; do
-        [[ ! -L $link ]] || skip "$link leads to an installation of this machine"
-    done
-    as_root=(--user --map-root-user)
-    ((EUID != 0)) || as_root=()
-    unshare "${as_root[@]}" --mount true 2>/dev/null || skip "no private mount namespace is allowed here"
-    exec unshare "${as_root[@]}" --mount bash "$0" "$bin" "$sources" "$install_dir" inside
-fi
-mount -t tmpfs none "$top" || skip "no file system may be mounted here"
-
-failures=0
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
 
 mkdir "$top/home" "$top/cwd"
 cd "$top/cwd"

@@ -7,20 +7,7 @@ cmake=$1 build=$2 sources=$3 built_in=$4
 unset DESTDIR
 folder=$(mktemp -d)
 trap 'chmod -R u+rwx "$folder"; rm -rf "$folder"' EXIT
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
-
-# expect NAME COMMAND...
-expect() {
-    "${@:2}" || fail "$1"
-}
-expect_not() {
-    ! "${@:2}" || fail "$1"
-}
+source "$(dirname "$0")/support/shell.sh"
 
 # The build's installation, but for its list of installed files, which would stay in the build tree.
 mkdir "$folder/build"

@@ -4,34 +4,13 @@
 set -euo pipefail
 export LC_ALL=C
 rehearse=$1 rexec=$2 install_dir=$3
-top=/$(cut -d/ -f2 <<<"$install_dir")
-
-skip() {
-    echo "skipped: $*"
-    exit 77
-}
-
-if [[ ${4-} != inside ]]; then
-    [[ $rehearse != "$top"/* ]] || skip "the build lies in $top, which would be hidden"
-    for link in /usr/lib64/libzynxml.so.1.0 /usr/lib/libzynxml.so.1.0; do
-        [[ ! -L $link ]] || skip "$link leads to an installation of this machine"
-    done
-    as_root=(--user --map-root-user)
-    ((EUID != 0)) || as_root=()
-    unshare "${as_root[@]}" --mount true 2>/dev/null || skip "no private mount namespace is allowed here"
-    exec unshare "${as_root[@]}" --mount bash "$0" "$rehearse" "$rexec" "$install_dir" inside
-fi
-mount -t tmpfs none "$top" || skip "no file system may be mounted here"
+source "$(dirname "$0")/support/shell.sh"
+own_root "$rehearse" "$install_dir" "" "$@"
 
 cd "$top"
 started=()
-failures=0
 trap '((${#started[@]} == 0)) || kill -KILL "${started[@]}" 2>/dev/null || true' EXIT
 
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
 # start NAME OPTION...: with its output and its ports in files of that name.
 start() {
     "$rehearse" --port-file "$1.port" "${@:2}" >"$1.out" 2>"$1.err" &

@@ -4,25 +4,8 @@
 # configuration costs.
 set -euo pipefail
 build=$1 install_dir=$2
-top=/$(cut -d/ -f2 <<<"$install_dir")
-
-skip() {
-    echo "skipped: $*"
-    exit 77
-}
-
-if [[ ${3-} != inside ]]; then
-    [[ $build/ != "$top"/* ]] || skip "the build lies in $top, which would be hidden"
-    for link in /usr/lib64/libzynxml.so.1.0 /usr/lib/libzynxml.so.1.0; do
-        [[ ! -L $link ]] || skip "$link leads to an installation of this machine"
-    done
-    as_root=(--user --map-root-user)
-    ((EUID != 0)) || as_root=()
-    unshare "${as_root[@]}" --mount true 2>/dev/null || skip "no private mount namespace is allowed here"
-    exec unshare "${as_root[@]}" --mount bash "$0" "$build" "$install_dir" inside
-fi
-
-mount -t tmpfs none "$top" || skip "no file system may be mounted here"
+source "$(dirname "$0")/support/shell.sh"
+own_root "$build" "$install_dir" "" "$@"
 unset DESTDIR
 cmake --install "$build" >/dev/null
 

@@ -8,10 +8,7 @@ sources=$1 build=$2 install_dir=$3 version=$4
 etc_opt=/etc${install_dir}
 unset DESTDIR ZYNREHEARSE_OPTIONS
 
-skip() {
-    echo "skipped: $*"
-    exit 77
-}
+source "$(dirname "$0")/support/shell.sh"
 
 for tool in dpkg-deb dpkg-shlibdeps lintian man strace systemd-analyze; do
     command -v "$tool" >/dev/null || skip "no $tool"
@@ -37,20 +34,6 @@ ended() {
     rm -rf --one-file-system "$folder"
 }
 trap ended EXIT
-failures=0
-
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
-
-# expect NAME COMMAND...
-expect() {
-    "${@:2}" || fail "$1"
-}
-expect_not() {
-    ! "${@:2}" || fail "$1"
-}
 
 echo "-- made twice, under other circumstances"
 # make_in DIRECTORY

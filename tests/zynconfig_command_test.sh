@@ -4,34 +4,13 @@
 set -euo pipefail
 export LC_ALL=C
 bin=$1 sources=$2 install_dir=$3
-top=/$(cut -d/ -f2 <<<"$install_dir")
-
-skip() {
-    echo "skipped: $*"
-    exit 77
-}
-
-if [[ ${4-} != inside ]]; then
-    [[ $bin/ != "$top"/* ]] || skip "the build lies in $top, which would be hidden"
-    for link in /usr/lib64/libzynxml.so.1.0 /usr/lib/libzynxml.so.1.0; do
-        [[ ! -L $link ]] || skip "$link leads to an installation of this machine"
-    done
-    as_root=(--user --map-root-user)
-    ((EUID != 0)) || as_root=()
-    unshare "${as_root[@]}" --mount true 2>/dev/null || skip "no private mount namespace is allowed here"
-    exec unshare "${as_root[@]}" --mount --net bash "$0" "$bin" "$sources" "$install_dir" inside
-fi
-mount -t tmpfs none "$top" || skip "no file system may be mounted here"
+source "$(dirname "$0")/support/shell.sh"
+own_root "$bin" "$install_dir" --net "$@"
 ip link set lo up 2>/dev/null || skip "no loopback interface here"
 
 cd "$top"
-failures=0
 server=
 trap '[[ -z $server ]] || kill -KILL $server 2>/dev/null || true' EXIT
-fail() {
-    echo "FAILED: $*"
-    failures=$((failures + 1))
-}
 
 "$bin/zynrehearse" --install-tree "$install_dir" >/dev/null
 cp -r "$install_dir/etc" plain
