@@ -16,20 +16,24 @@ cd "$top/cwd"
 touch user.log
 export HOME=$top/home PATH=$bin:$PATH
 "$bin/zynrehearse" --install-tree "$install_dir" >/dev/null 2>&1
-cat >"$install_dir/etc/zyn.conf" <<'XML'
+cat >"$install_dir/etc/zyn.conf" <<XML
 <root>
   <group name="web"><resource name="disk1"/></group>
   <group name="db"><resource name="disk2"/></group>
-  <group name="two words"/><group name="-dash"/><group name="$(reboot)"/><group name="a&#9;b"/><group/>
+  <group name="two words"/><group name="-dash"/><group name="\$(touch $top/struck)"/>
+  <group name="\`touch $top/struck\`"/><group name="q'(touch $top/struck)"/><group name="web&#10;-o"/>
+  <group name="a&#9;b"/><group/>
   <monitor name="m1" category="NET" keyword="eth0"/>
   <monitor name="m2" category="DISK"/>
   <server name="srv1"/>
 </root>
 XML
-printf '%s\n' '127.0.0.1 localhost # comment' '192.0.2.7 node-a.example node-a' 'fe80::7	node-b' >"$top/hosts"
+printf '%s\n' '127.0.0.1 localhost # comment' '192.0.2.7 node-a.example node-a' 'fe80::7	node-b' \
+    "192.0.2.8 \$(touch\${IFS}$top/struck) \`touch\${IFS}$top/struck\` (touch\${IFS}$top/struck) ;'\"" >"$top/hosts"
 mount --bind "$top/hosts" /etc/hosts
 mkdir "$install_dir/scripts" "$install_dir/scripts/folder"
 touch "$install_dir/scripts/"{run.sh,check.sh,data.txt}
+touch "$install_dir/scripts/\$(touch struck).sh"
 chmod +x "$install_dir/scripts/"*.sh
 
 # What the programs have themselves.
@@ -43,7 +47,7 @@ declare -A own=(
     [@zynconfig]=$(options_of zynconfig)
     [@get]=$(options_of zynconfig; options_of zynconfig get)
     [@kinds]=$(zynconfig names x 2>&1 | sed 's/.*there are //' | tr -d ,)
-    [@addresses]="127.0.0.1 192.0.2.7 fe80::7 localhost node-a node-a.example node-b srv1"
+    [@addresses]="127.0.0.1 192.0.2.7 192.0.2.8 fe80::7 localhost node-a node-a.example node-b srv1"
 )
 for name in "${!own[@]}"; do
     (($(wc -w <<<"${own[$name]}") >= 3)) || fail "no words of $name were found"
@@ -69,6 +73,7 @@ for shell in bash zsh fish; do
             fail "$shell: \"$line\" offers the first, the second was expected"
     done <"$top/rows"
     grep -q execve "$top/calls" || grep -q openat "$top/calls" || fail "$shell: nothing was traced"
+    [[ ! -e $top/struck && ! -e $top/cwd/struck ]] || fail "$shell: a name was run"
     grep -q '"/etc/hosts"' "$top/calls" || fail "$shell: /etc/hosts was not read"
     ! grep -E 'AF_INET|AF_NETLINK|resolv\.conf|known_hosts' "$top/calls" || fail "$shell: asked the network"
 done

@@ -3,7 +3,10 @@
 function __zynrehearse_addresses
     set -l tool (command -s zynconfig; or echo /opt/orvane/velatrix/bin/zynconfig)
     set -l head (string match -r '.*,' -- (commandline -ct))
-    test -x "$tool"; and $tool names address 2>/dev/null | string replace -r '^' -- "$head"
+    test -x "$tool"; or return
+    for name in ($tool names address 2>/dev/null)
+        printf '%s\n' "$head$name"
+    end
 end
 
 # ADDRESS=FAULT
@@ -13,10 +16,11 @@ function __zynrehearse_faults
         __zynrehearse_addresses | string replace -r '$' '='
         return
     end
-    printf "$head%s\n" refuse silent silent-request late: drip: close-before close-header close-after-header \
+    set -l faults refuse silent silent-request late: drip: close-before close-header close-after-header \
         close-body close-after reset-before reset-header reset-after-header reset-body reset-after wrong-magic \
         unterminated-magic wrong-code oversized huge-size short-body lie-inner lie-monnum: negative-monnum \
         unterminated busy status:
+    printf '%s\n' "$head"$faults
 end
 
 complete -c zynrehearse -f

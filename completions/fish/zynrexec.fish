@@ -9,7 +9,9 @@ end
 # The part of a comma-separated list that is complete stays in front.
 function __zynrexec_addresses
     set -l head (string match -r '.*,' -- (commandline -ct))
-    __zynrexec_names address | string replace -r '^' -- "$head"
+    for name in (__zynrexec_names address)
+        printf '%s\n' "$head$name"
+    end
 end
 
 # Whether one of the words stands on the line, in letters of either case.
