@@ -26,7 +26,12 @@ own_root() {
     local build=$1 install_dir=$2 options=$3 link as_root=(--user --map-root-user)
     shift 3
     top=/$(cut -d/ -f2 <<<"$install_dir")
+    [[ $install_dir == /[!/.]* ]] || skip "\"$install_dir\" is no install directory"
     if [[ ${*: -1} == inside ]]; then
+        if [[ -z ${outer_mounts-} || $(readlink /proc/self/ns/mnt) == "$outer_mounts" ]]; then
+            echo "\"inside\" is said by the test itself: here $top of the machine would be covered" >&2
+            exit 1
+        fi
         mount -t tmpfs none "$top" || skip "no file system may be mounted here"
         return
     fi
@@ -36,5 +41,5 @@ own_root() {
     done
     ((EUID != 0)) || as_root=()
     unshare "${as_root[@]}" --mount true 2>/dev/null || skip "no private mount namespace is allowed here"
-    exec unshare "${as_root[@]}" --mount $options bash "$0" "$@" inside
+    outer_mounts=$(readlink /proc/self/ns/mnt) exec unshare "${as_root[@]}" --mount $options bash "$0" "$@" inside
 }
