@@ -154,6 +154,13 @@ bare 77 /root/rexec/log/size "<rexec><log><size>-1</size></log></rexec><log><log
 bare 70000 /root/cluster/trns/port "<cluster><trns><port>70000</port></trns></cluster>"
 bare "" /root/cluster/trns/port "<cluster><trns><port>no</port></trns></cluster>"
 
+echo "-- a list that ends"
+change ""
+{ echo '<root><event><syslog>'; seq -f '<a%.0f/>' 300000; echo '</syslog></event></root>'; } >"$etc/zyn.conf"
+timeout 30 "$zynconfig" --root "$root" list event >"$folder/out" || fail "exit status $?"
+[[ $(grep -c '^/root/event/syslog/a' "$folder/out") == 1000 ]] || fail "not the first thousand are listed"
+grep -qxF '/root/event/syslog/%s: no more of these are listed' "$folder/out" || fail "the end is not told"
+
 echo "-- options"
 # refused COMMAND: with exit status 3, and a word on standard error.
 refused() {

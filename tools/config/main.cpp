@@ -73,8 +73,8 @@ int run(const CLI::App &app, const Arguments &arguments) {
     if (app.got_subcommand("keys"))
         return print(config::show_table(), 0);
     const bool elsewhere = app.count("--root") > 0;
-    const std::string directory = elsewhere ? directory_of(arguments.root) : "";
-    if (elsewhere && (arguments.root.empty() || directory.size() > directory_max))
+    const std::string directory = arguments.root.empty() ? "" : directory_of(arguments.root);
+    if (elsewhere && (directory.empty() || directory.size() > directory_max))
         return fail("--root: a directory of at most " + std::to_string(directory_max) + " bytes is needed");
     const config::Watch watch;
     config::Store store(elsewhere ? directory.c_str() : nullptr);

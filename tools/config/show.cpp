@@ -104,12 +104,15 @@ std::optional<std::string> list_keys(Store &store, const std::string &module) {
     for (const Key &key : all_keys()) {
         if (!module.empty() && !key.is_read_by(module) && key.policy != module)
             continue;
-        for (const std::string &path : store.paths_of(key)) {
+        const std::vector<std::string> paths = store.paths_of(key);
+        for (const std::string &path : paths) {
             const Answered answered = store.answer(&key, path);
             const Verdict verdict = verdict_of(store, key, answered);
             listed += printable(path, path_max) + " = " + verdict.taken + '\t' + source_of(answered);
             listed += (verdict.note.empty() ? "" : '\t' + verdict.note) + '\n';
         }
+        if (paths.size() == Store::paths_max)
+            listed += std::string(key.path) + ": no more of these are listed\n";
     }
     return listed;
 }

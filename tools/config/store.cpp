@@ -40,7 +40,7 @@ void collect(const Key &key, const xmlNode *element, const std::vector<std::stri
     }
     const std::string_view step = steps[depth];
     const std::size_t at = step.find('@');
-    for (; element != nullptr; element = element->next) {
+    for (; element != nullptr && paths.size() < Store::paths_max; element = element->next) {
         if (element->type != XML_ELEMENT_NODE ||
             !matches_name(key, step.substr(0, at), reinterpret_cast<const char *>(element->name)))
             continue;

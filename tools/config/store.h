@@ -39,6 +39,8 @@ struct Answered {
 
 class Store {
 public:
+    static constexpr std::size_t paths_max = 1000; // each is looked up among all of them
+
     // A directory to look at, or null for where the command looks. Under a Watch that lives longer.
     explicit Store(const char *directory);
     ~Store();
@@ -55,7 +57,8 @@ public:
     // The path is one of the key. Without a key it is looked for in all policies.
     Answered answer(const Key *key, const std::string &path);
 
-    // The paths that a pattern stands for in the files that its module reads; the path of any other key.
+    // The paths that a pattern stands for in the files that its module reads, the first paths_max of them;
+    // the path of any other key.
     std::vector<std::string> paths_of(const Key &key);
 
 private:
