@@ -121,11 +121,14 @@ changed() {
 before=$(changed)
 
 echo "-- refused over an installation of another kind"
-mkdir -p "$root$install_dir/messages"
-install_as 1 "over an installation" --install "$command"
-expect "says why" grep -qx "zynrexec: $install_dir/messages was not made by this package." "$folder/log"
+for make in "mkdir" "ln -s /srv"; do
+    mkdir -p "$root$install_dir"
+    $make "$root$install_dir/messages"
+    install_as 1 "over an installation: $make" --install "$command"
+    expect "says why" grep -qx "zynrexec: $install_dir/messages was not made by this package." "$folder/log"
+    rm -r "${root:?}$install_dir"
+done
 expect "nothing is changed" diff <(echo "$before") <(changed)
-rm -r "${root:?}$install_dir"
 
 echo "-- installed"
 install_as 0 "install" --install "$command" "$rehearsal"
